@@ -1,0 +1,41 @@
+# Entry points for people and CI. Everything installs what it needs first.
+SHELL := /bin/bash
+PRESET ?= debug
+JOBS ?= 2
+
+DEB_PACKAGES := cmake ninja-build g++ pkg-config libboost-json1.81-dev libssl-dev uuid-dev \
+	libicu-dev nlohmann-json3-dev clang libclang-rt-14-dev libgtest-dev libgmock-dev \
+	libbenchmark-dev nodejs npm
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+.PHONY: deps configure build test check-sanitizers demo clean
+
+# Installs only the Debian packages that are missing, so a ready machine pays nothing.
+deps:
+	@missing=$$(for p in $(DEB_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q '^install ok installed' || echo $$p; \
+	done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing missing packages:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+configure: deps
+	cmake --preset $(PRESET)
+
+build: configure
+	cmake --build --preset $(PRESET) -j $(JOBS)
+
+test: build
+	ctest --preset $(PRESET)
+
+check-sanitizers: deps
+	$(MAKE) build PRESET=asan && ctest --preset asan
+	$(MAKE) build PRESET=tsan && ctest --preset tsan
+
+demo: deps
+	@echo "make demo arrives with the host driver (tools/vorntesk-storekit); nothing to run yet."
+
+clean:
+	rm -rf build

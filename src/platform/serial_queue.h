@@ -1,0 +1,38 @@
+// A labelled serial work queue: one worker thread runs submitted work one item at a time
+// in submission order. `async` may be called from any thread, including from work running
+// on the queue. The destructor lets queued work run to its end; when the last owner lets go
+// from inside the queue's own work, the worker finishes the queue on its own.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace platform {
+
+// Scheduling class requested for the queue's thread (kept for introspection; Linux
+// threads of one process share a class here).
+enum class QualityOfService { background, utility, defaultQoS, userInitiated, userInteractive };
+
+class SerialQueue {
+ public:
+  explicit SerialQueue(std::string label,
+                       QualityOfService qualityOfService = QualityOfService::defaultQoS);
+  ~SerialQueue();
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  void async(std::function<void()> work);
+
+  const std::string& label() const;
+  QualityOfService qualityOfService() const;
+
+  // True when called from work running on this queue.
+  bool isCurrent() const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace platform
