@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <exception>
 #include <stop_token>
 
 namespace platform {
@@ -55,6 +56,17 @@ class TaskPool {
   TaskPool();
   struct State;
   std::shared_ptr<State> state_;
+};
+
+}  // namespace platform
+
+namespace platform {
+
+// Thrown by blocking operations that give up because their task was cancelled.
+struct CancellationError : std::exception {
+  const char* what() const noexcept override {
+    return "The operation couldn\xE2\x80\x99t be completed. (CancellationError error 1.)";
+  }
 };
 
 }  // namespace platform
