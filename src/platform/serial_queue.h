@@ -1,7 +1,7 @@
 // A labelled serial work queue: one worker thread runs submitted work one item at a time
 // in submission order. `async` may be called from any thread, including from work running
-// on the queue. The destructor lets queued work run to its end; when the last owner lets go
-// from inside the queue's own work, the worker finishes the queue on its own.
+// on the queue. Destruction does not wait: the worker runs the work already queued and
+// then ends, so the last owner may even let go from inside the queue's own work.
 #pragma once
 
 #include <functional>
