@@ -1,0 +1,234 @@
+#include "host/json_coding.h"
+
+#include "platform/json.h"
+#include "platform/utf8.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+namespace vorn::tesk {
+
+namespace {
+
+// What each byte needs inside a JSON string: 0 copy as is, 1 escape, 2 start of a
+// multi-byte sequence that must be validated.
+constexpr std::array<std::uint8_t, 256> makeByteClasses() {
+  std::array<std::uint8_t, 256> classes{};
+  for (int i = 0; i < 0x20; ++i) classes[static_cast<std::size_t>(i)] = 1;
+  classes['"'] = 1;
+  classes['\\'] = 1;
+  for (int i = 0x80; i < 0x100; ++i) classes[static_cast<std::size_t>(i)] = 2;
+  return classes;
+}
+constexpr auto kByteClasses = makeByteClasses();
+
+void appendEscaped(std::string& out, char c) {
+  switch (c) {
+    case '"': out += "\\\""; return;
+    case '\\': out += "\\\\"; return;
+    case '\b': out += "\\b"; return;
+    case '\f': out += "\\f"; return;
+    case '\n': out += "\\n"; return;
+    case '\r': out += "\\r"; return;
+    case '\t': out += "\\t"; return;
+    default: break;
+  }
+  constexpr std::string_view kHex = "0123456789abcdef";
+  const auto byte = static_cast<std::uint8_t>(c);
+  out += "\\u00";
+  out.push_back(kHex[byte >> 4]);
+  out.push_back(kHex[byte & 0xF]);
+}
+
+std::string describeValue(const boost::json::value& value) {
+  switch (value.kind()) {
+    case boost::json::kind::null: return "null";
+    case boost::json::kind::bool_: return "a boolean";
+    case boost::json::kind::int64: return "the number " + std::to_string(value.get_int64());
+    case boost::json::kind::uint64: return "the number " + std::to_string(value.get_uint64());
+    case boost::json::kind::double_: return "a number with a fraction or exponent";
+    case boost::json::kind::string: return "a string";
+    case boost::json::kind::array: return "an array";
+    case boost::json::kind::object: return "an object";
+  }
+  return "a value";
+}
+
+std::string at(const CodingPathNode* path) {
+  std::string where = formatCodingPath(path);
+  return where.empty() ? std::string() : " at " + where;
+}
+
+// A JSON number written with a fraction or exponent still counts as an integer when it
+// is whole and exactly representable (below 2^53).
+std::optional<double> exactWholeNumber(const boost::json::value& value) {
+  if (!value.is_double()) return std::nullopt;
+  const double number = value.get_double();
+  constexpr double kExactLimit = 9007199254740992.0;  // 2^53
+  if (std::trunc(number) != number || std::fabs(number) > kExactLimit) return std::nullopt;
+  return number;
+}
+
+}  // namespace
+
+std::string formatCodingPath(const CodingPathNode* node) {
+  std::vector<const CodingPathNode*> nodes;
+  for (; node != nullptr; node = node->parent) nodes.push_back(node);
+  std::string path;
+  for (auto it = nodes.rbegin(); it != nodes.rend(); ++it) {
+    if ((*it)->isIndex) {
+      path += '[';
+      path += std::to_string((*it)->index);
+      path += ']';
+    } else {
+      if (!path.empty()) path += '.';
+      path += (*it)->key;
+    }
+  }
+  return path;
+}
+
+void Encoder::encode(std::int64_t value) {
+  std::array<char, 24> buffer{};
+  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+  out_.append(buffer.data(), result.ptr);
+}
+
+void Encoder::encode(std::uint64_t value) {
+  std::array<char, 24> buffer{};
+  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+  out_.append(buffer.data(), result.ptr);
+}
+
+void Encoder::encode(std::string_view value) {
+  out_.push_back('"');
+  const char* data = value.data();
+  const std::size_t size = value.size();
+  std::size_t runStart = 0;
+  std::size_t i = 0;
+  while (i < size) {
+    const std::uint8_t byteClass = kByteClasses[static_cast<std::uint8_t>(data[i])];
+    if (byteClass == 0) {
+      ++i;
+      continue;
+    }
+    if (byteClass == 2) {
+      // Multi-byte sequences are made of non-ASCII bytes only, so the whole non-ASCII
+      // stretch is validated at once and stays part of the copied run.
+      std::size_t end = i;
+      while (end < size && kByteClasses[static_cast<std::uint8_t>(data[end])] == 2) ++end;
+      const std::size_t valid = platform::validUTF8PrefixLength(value.substr(i, end - i));
+      if (valid != end - i) {
+        throw EncodingError("invalidValue" + at(path_) +
+                            ": the string is not valid UTF-8 (byte offset " +
+                            std::to_string(i + valid) + ")");
+      }
+      i = end;
+      continue;
+    }
+    out_.append(data + runStart, i - runStart);
+    appendEscaped(out_, data[i]);
+    ++i;
+    runStart = i;
+  }
+  out_.append(data + runStart, size - runStart);
+  out_.push_back('"');
+}
+
+void Encoder::encode(platform::Date value) {
+  out_.push_back('"');
+  platform::appendRFC3339(out_, value);
+  out_.push_back('"');
+}
+
+void Encoder::encode(const DecimalValue& value) {
+  out_.push_back('"');
+  value.value.appendTo(out_);
+  out_.push_back('"');
+}
+
+KeyedDecodingContainer Decoder::keyedContainer() const {
+  if (!value_.is_object()) failTypeMismatch("an object");
+  return KeyedDecodingContainer(value_.get_object(), path_);
+}
+
+void Decoder::failTypeMismatch(std::string_view expected) const {
+  const char* kind = value_.is_null() ? "valueNotFound" : "typeMismatch";
+  throw DecodingError(std::string(kind) + at(path_) + ": expected " + std::string(expected) +
+                      " but found " + describeValue(value_));
+}
+
+void Decoder::failDataCorrupted(std::string_view reason) const {
+  throw DecodingError("dataCorrupted" + at(path_) + ": " + std::string(reason));
+}
+
+void KeyedDecodingContainer::failKeyNotFound(std::string_view key) const {
+  throw DecodingError("keyNotFound" + at(path_) + ": \"" + std::string(key) + "\"");
+}
+
+bool Decoder::decodeBool() const {
+  if (!value_.is_bool()) failTypeMismatch("a boolean");
+  return value_.get_bool();
+}
+
+std::int32_t Decoder::decodeInt32() const {
+  constexpr auto kMin = std::numeric_limits<std::int32_t>::min();
+  constexpr auto kMax = std::numeric_limits<std::int32_t>::max();
+  if (value_.is_int64() && value_.get_int64() >= kMin && value_.get_int64() <= kMax) {
+    return static_cast<std::int32_t>(value_.get_int64());
+  }
+  if (const auto whole = exactWholeNumber(value_); whole && *whole >= kMin && *whole <= kMax) {
+    return static_cast<std::int32_t>(*whole);
+  }
+  failTypeMismatch("a 32-bit integer");
+}
+
+std::int64_t Decoder::decodeInt64() const {
+  if (value_.is_int64()) return value_.get_int64();
+  if (const auto whole = exactWholeNumber(value_)) return static_cast<std::int64_t>(*whole);
+  failTypeMismatch("a 64-bit integer");
+}
+
+std::uint64_t Decoder::decodeUInt64() const {
+  if (value_.is_uint64()) return value_.get_uint64();
+  if (value_.is_int64() && value_.get_int64() >= 0) {
+    return static_cast<std::uint64_t>(value_.get_int64());
+  }
+  if (const auto whole = exactWholeNumber(value_); whole && *whole >= 0) {
+    return static_cast<std::uint64_t>(*whole);
+  }
+  failTypeMismatch("an unsigned 64-bit integer");
+}
+
+std::string Decoder::decodeString() const {
+  if (!value_.is_string()) failTypeMismatch("a string");
+  return std::string(value_.get_string());
+}
+
+platform::Date Decoder::decodeDate() const {
+  if (!value_.is_string()) failTypeMismatch("an RFC 3339 date string");
+  const auto date = platform::parseRFC3339(value_.get_string());
+  if (!date) failDataCorrupted("expected an RFC 3339 date but found \"" +
+                               std::string(value_.get_string()) + "\"");
+  return *date;
+}
+
+DecimalValue Decoder::decodeDecimal() const {
+  if (!value_.is_string()) failTypeMismatch("a decimal number in a string");
+  const auto decimal = platform::Decimal::parse(value_.get_string());
+  if (!decimal) failDataCorrupted("expected a decimal number but found \"" +
+                                  std::string(value_.get_string()) + "\"");
+  return DecimalValue{*decimal};
+}
+
+boost::json::value JSONDecoder::parse(std::string_view text) {
+  std::string error;
+  auto document = platform::parseJSON(text, &error);
+  if (!document) throw DecodingError("dataCorrupted: the data is not valid JSON (" + error + ")");
+  return std::move(*document);
+}
+
+}  // namespace vorn::tesk
