@@ -1,0 +1,43 @@
+#include "bridge/envelope.h"
+
+#include "platform/json.h"
+#include "platform/utf8.h"
+
+#include <boost/json/serialize.hpp>
+
+namespace VornTeskPaymentsAddonApple {
+
+std::string serialiseEnvelope(const boost::json::object& object) {
+  std::string text;
+  try {
+    text = boost::json::serialize(object);
+  } catch (...) {
+    return std::string(kUnserialisableEnvelope);
+  }
+  // Boost.JSON copies string bytes as they are, so text built from invalid UTF-8 (an error
+  // message passed through from elsewhere, say) must not go out as it is.
+  if (!platform::isValidUTF8(text)) return std::string(kNonUTF8Envelope);
+  return text;
+}
+
+std::string errorEnvelope(std::string_view code, std::string_view message) {
+  boost::json::object error;
+  error["code"] = code;
+  error["message"] = message;
+  return serialiseEnvelope(boost::json::object{{"error", std::move(error)}});
+}
+
+std::string failureEnvelope(const vorn::tesk::VornError& problem) {
+  return serialiseEnvelope(boost::json::object{{"error", problem.toJSONObject()}});
+}
+
+std::string unknownOutcomeEnvelope(std::string_view code, std::string_view rawJson) {
+  auto data = rawJson.empty() ? std::nullopt : platform::parseJSON(rawJson);
+  if (!data) return errorEnvelope("INTERNAL", "Unknown outcome rawJson was not valid JSON");
+  boost::json::object outcome;
+  outcome["code"] = code;
+  outcome["data"] = std::move(*data);
+  return serialiseEnvelope(boost::json::object{{"outcome", std::move(outcome)}});
+}
+
+}  // namespace VornTeskPaymentsAddonApple
