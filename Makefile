@@ -5,7 +5,7 @@ JOBS ?= 2
 
 DEB_PACKAGES := cmake ninja-build g++ pkg-config libboost-json1.81-dev libssl-dev uuid-dev \
 	libicu-dev nlohmann-json3-dev clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-	libbenchmark-dev nodejs npm
+	libbenchmark-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: deps configure build test check-sanitizers demo clean
@@ -15,6 +15,7 @@ deps:
 	@missing=$$(for p in $(DEB_PACKAGES); do \
 	  dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q '^install ok installed' || echo $$p; \
 	done); \
+	command -v node >/dev/null && command -v npm >/dev/null || missing="$$missing nodejs npm"; \
 	if [ -n "$$missing" ]; then \
 	  echo "Installing missing packages:" $$missing; \
 	  $(SUDO) apt-get update -qq && \
