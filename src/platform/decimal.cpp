@@ -47,7 +47,8 @@ std::optional<Decimal> Decimal::make(bool negative, Mantissa mantissa, int expon
     ++exponent;
   }
   // Large values whose normalised exponent is too big may still fit with zeros kept.
-  while (exponent > kMaxExponent && mantissa * 10 < kMantissaLimit) {
+  // (Compared before multiplying: ten times a 38-digit mantissa can exceed 128 bits.)
+  while (exponent > kMaxExponent && mantissa < kMantissaLimit / 10) {
     mantissa *= 10;
     --exponent;
   }
@@ -151,7 +152,11 @@ std::string Decimal::toString() const {
 std::optional<Decimal> Decimal::scaledByPowerOfTen(int power) const {
   if (mantissa_ == 0) return *this;
   const long long exponent = static_cast<long long>(exponent_) + power;
-  if (exponent > kMaxExponent + kMaxDigits || exponent < kMinExponent) return std::nullopt;
+  // A mantissa kept with trailing zeros (exponent at its maximum) gains up to 37 exponent
+  // steps when make() strips them, so only rule out what no mantissa can bring in range.
+  if (exponent > kMaxExponent + kMaxDigits || exponent < kMinExponent - kMaxDigits) {
+    return std::nullopt;
+  }
   return make(negative_, mantissa_, static_cast<int>(exponent));
 }
 
@@ -171,7 +176,8 @@ std::optional<Decimal> Decimal::multipliedBy(std::int64_t factor) const {
 
 std::optional<std::int64_t> Decimal::toInt64() const {
   if (exponent_ < 0) return std::nullopt;
-  if (mantissa_ != 0 && exponent_ > 19) return std::nullopt;
+  // More than 19 integer digits never fit, and checking first keeps the product in 128 bits.
+  if (mantissa_ != 0 && digitCount(mantissa_) + exponent_ > 19) return std::nullopt;
   const Mantissa magnitude = mantissa_ * tenToThe(exponent_);
   const auto limit = static_cast<Mantissa>(std::numeric_limits<std::int64_t>::max());
   if (!negative_) {

@@ -3,9 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <ostream>
 #include <string>
 
 namespace platform {
+
+// Lets failures show the value rather than its bytes.
+void PrintTo(const Decimal& value, std::ostream* out) { *out << value.toString(); }
+
 namespace {
 
 Decimal dec(std::string_view text) {
@@ -37,8 +42,9 @@ TEST(DecimalTest, ParsesPlainAndExponentForms) {
 
 TEST(DecimalTest, RejectsGarbageAndOutOfRange) {
   for (const std::string_view text :
-       {"", "-", "+", ".", "1.2.3", "1e", "1e+", "e5", "abc", " 1", "1 ", "1,5", "--1",
-        "0x10", "1.5e3.2", "NaN", "inf", "1e-129", "1e165", "4e165", "1000e162"}) {
+       {"",        "-",   "+",   ".",      "1.2.3", "1e",    "1e+",
+        "e5",      "abc", " 1",  "1 ",     "1,5",   "--1",   "0x10",
+        "1.5e3.2", "NaN", "inf", "1e-129", "1e165", "4e165", "1000e162"}) {
     EXPECT_FALSE(Decimal::parse(text).has_value()) << text;
   }
   EXPECT_FALSE(Decimal::parse("1" + k38Nines).has_value());  // 39 significant digits
@@ -66,9 +72,9 @@ TEST(DecimalTest, FormatsWithoutExponent) {
 }
 
 TEST(DecimalTest, OrdersAcrossExponentsAndSigns) {
-  const char* ascending[] = {"-1e100", "-100", "-99.5", "-12.345", "-12.34", "-1e-128", "0",
-                             "1e-128", "0.001", "0.99", "1", "9.5", "10", "99.999", "100",
-                             "1e100"};
+  const char* ascending[] = {"-1e100", "-100",   "-99.5", "-12.345", "-12.34", "-1e-128",
+                             "0",      "1e-128", "0.001", "0.99",    "1",      "9.5",
+                             "10",     "99.999", "100",   "1e100"};
   for (std::size_t i = 0; i + 1 < std::size(ascending); ++i) {
     EXPECT_LT(dec(ascending[i]), dec(ascending[i + 1])) << ascending[i];
     EXPECT_GT(dec(ascending[i + 1]), dec(ascending[i])) << ascending[i];
@@ -112,10 +118,10 @@ TEST(DecimalTest, ConvertsToInt64) {
   EXPECT_EQ(dec("1e18").toInt64(), 1'000'000'000'000'000'000);
   EXPECT_EQ(dec("9223372036854775807").toInt64(), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(dec("-9223372036854775808").toInt64(), std::numeric_limits<std::int64_t>::min());
-  for (const char* text : {"1.5", "-0.001", "9223372036854775808", "-9223372036854775809",
-                           "1e19", "1e20", "1e100",
-                           // 38 digits times ten: the product no longer fits in 128 bits.
-                           "340282366920938463463374607431768211460"}) {
+  for (const char* text :
+       {"1.5", "-0.001", "9223372036854775808", "-9223372036854775809", "1e19", "1e20", "1e100",
+        // 38 digits times ten: the product no longer fits in 128 bits.
+        "340282366920938463463374607431768211460"}) {
     EXPECT_EQ(dec(text).toInt64(), std::nullopt) << text;
   }
 }
