@@ -2,23 +2,31 @@
 
 #include <atomic>
 #include <charconv>
+#include <cstdint>
 
 namespace platform {
 
 namespace {
 
-// Packed as major * 1000 + minor so that one atomic holds the whole version.
-std::atomic<int> packedVersion{SystemVersion::kDefault.major * 1000 + SystemVersion::kDefault.minor};
+// Both numbers share one atomic, major in the high half, so a reader never sees the major
+// of one version with the minor of another, and no value spills into its neighbour.
+constexpr std::uint64_t pack(OperatingSystemVersion version) {
+  return std::uint64_t{static_cast<std::uint32_t>(version.major)} << 32 |
+         static_cast<std::uint32_t>(version.minor);
+}
+
+std::atomic<std::uint64_t> packedVersion{pack(SystemVersion::kDefault)};
 
 }  // namespace
 
 OperatingSystemVersion SystemVersion::current() {
-  const int packed = packedVersion.load(std::memory_order_relaxed);
-  return {packed / 1000, packed % 1000};
+  const std::uint64_t packed = packedVersion.load(std::memory_order_relaxed);
+  return {static_cast<int>(static_cast<std::uint32_t>(packed >> 32)),
+          static_cast<int>(static_cast<std::uint32_t>(packed))};
 }
 
 void SystemVersion::set(OperatingSystemVersion version) {
-  packedVersion.store(version.major * 1000 + version.minor, std::memory_order_relaxed);
+  packedVersion.store(pack(version), std::memory_order_relaxed);
 }
 
 bool SystemVersion::atLeast(int major, int minor) {
