@@ -74,7 +74,11 @@ struct TaskPool::State {
     for (;;) {
       supervisorWake.wait(lock, [&] { return !queue.empty(); });
       const std::uint64_t seen = dequeued;
-      supervisorWake.wait_for(lock, kStallInterval);
+      // Every submission while the pool is busy notifies this condition variable; waking on
+      // those would add a thread per submission instead of one per stalled interval.
+      const auto deadline = std::chrono::steady_clock::now() + kStallInterval;
+      while (supervisorWake.wait_until(lock, deadline) == std::cv_status::no_timeout) {
+      }
       if (!queue.empty() && dequeued == seen && idle == 0) startWorker(selfReference());
     }
   }
