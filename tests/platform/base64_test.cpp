@@ -9,9 +9,13 @@ namespace platform {
 namespace {
 
 TEST(Base64Test, EncodesAndDecodesRFC4648Vectors) {
-  const std::pair<std::string_view, std::string_view> vectors[] = {
-      {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},        {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}};
+  const std::pair<std::string_view, std::string_view> vectors[] = {{"", ""},
+                                                                   {"f", "Zg=="},
+                                                                   {"fo", "Zm8="},
+                                                                   {"foo", "Zm9v"},
+                                                                   {"foob", "Zm9vYg=="},
+                                                                   {"fooba", "Zm9vYmE="},
+                                                                   {"foobar", "Zm9vYmFy"}};
   for (const auto& [plain, encoded] : vectors) {
     EXPECT_EQ(base64Encode(plain), encoded);
     EXPECT_EQ(base64Decode(encoded), std::string(plain));
@@ -37,15 +41,13 @@ TEST(Base64Test, AlphabetsDifferInTheLastTwoSymbols) {
 }
 
 TEST(Base64Test, RejectsBadCharactersPaddingAndTrailingBits) {
-  for (const std::string_view text :
-       {"Zm9v!", "Zm 9v", "Zm9", "Zg=", "Zg", "Z===", "====", "Zg==Zg==", "Zm=v", "Zm9vYg=Z",
-        "Zh==", "Zm9=", "Zm9vYmF"}) {
+  for (const std::string_view text : {"Zm9v!", "Zm 9v", "Zm9", "Zg=", "Zg", "Z===", "====",
+                                      "Zg==Zg==", "Zm=v", "Zm9vYg=Z", "Zh==", "Zm9=", "Zm9vYmF"}) {
     EXPECT_EQ(base64Decode(text), std::nullopt) << text;
   }
   for (const std::string_view text : {"Zg==", "Zm8=", "Z", "Zm9vY", "Zh", "Zm9", "Zm+v", "Zm/v"}) {
     EXPECT_EQ(base64URLDecode(text), std::nullopt) << text;
   }
-  EXPECT_EQ(base64URLDecode("Zm9"), std::nullopt);
   EXPECT_EQ(base64URLDecode("Zm8"), "fo");
 }
 
