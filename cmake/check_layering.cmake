@@ -1,0 +1,36 @@
+# Checks that every #include "layer/..." in src/ points in an allowed direction.
+# Run as: cmake -DSOURCE_DIR=<repo> -P check_layering.cmake
+set(allowed_platform platform)
+set(allowed_host host platform)
+set(allowed_storekit storekit platform)
+set(allowed_records records host platform)
+set(allowed_adapter adapter observer records host storekit platform)
+set(allowed_observer observer adapter records host storekit platform)
+set(allowed_bridge bridge adapter records host platform)
+
+set(violations "")
+foreach(layer platform host storekit records adapter observer bridge)
+  file(GLOB files ${SOURCE_DIR}/src/${layer}/*.h ${SOURCE_DIR}/src/${layer}/*.cpp)
+  foreach(file ${files})
+    file(STRINGS ${file} includes REGEX "^#include \"[a-z_]+/")
+    get_filename_component(name ${file} NAME)
+    foreach(line ${includes})
+      string(REGEX REPLACE "^#include \"([a-z_]+)/.*" "\\1" target "${line}")
+      list(FIND allowed_${layer} ${target} found)
+      if(found EQUAL -1)
+        list(APPEND violations "src/${layer}/${name}: ${line}")
+      endif()
+      # Only the exported registration function knows the default adapter.
+      if(layer STREQUAL "bridge" AND line MATCHES "native_adapter_default"
+         AND NOT name MATCHES "^register_service")
+        list(APPEND violations "src/${layer}/${name}: ${line}")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
+if(violations)
+  list(JOIN violations "\n  " text)
+  message(FATAL_ERROR "Includes against the layering:\n  ${text}")
+endif()
+message(STATUS "layering: every include points in an allowed direction")
