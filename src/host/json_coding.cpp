@@ -63,12 +63,15 @@ std::string at(const CodingPathNode* path) {
 }
 
 // A JSON number written with a fraction or exponent still counts as an integer when it
-// is whole and exactly representable (below 2^53).
+// is whole and below 2^52 in magnitude. Boost.JSON 1.81 reads such numbers with up to
+// about 1.5 units in the last place of error; below 2^52 (units of at most 0.5) that
+// error cannot land on a different whole number, from there on it can:
+// "-9007199254740991.0" reads as -9007199254740990.
 std::optional<double> exactWholeNumber(const boost::json::value& value) {
   if (!value.is_double()) return std::nullopt;
   const double number = value.get_double();
-  constexpr double kExactLimit = 9007199254740992.0;  // 2^53
-  if (std::trunc(number) != number || std::fabs(number) > kExactLimit) return std::nullopt;
+  constexpr double kExactLimit = 4503599627370496.0;  // 2^52
+  if (std::trunc(number) != number || std::fabs(number) >= kExactLimit) return std::nullopt;
   return number;
 }
 

@@ -295,12 +295,18 @@ class JSONEncoder {
     return out;
   }
 
-  // Appends the JSON text of `value` to `out`. On an EncodingError `out` holds a partial
-  // text that the caller must discard.
+  // Appends the JSON text of `value` to `out`. On an EncodingError `out` is left as it
+  // was, so a caller building a larger text never keeps half a value.
   template <class T>
   void encode(const T& value, std::string& out) const {
-    Encoder encoder(out);
-    encoder.encode(value);
+    const std::size_t start = out.size();
+    try {
+      Encoder encoder(out);
+      encoder.encode(value);
+    } catch (...) {
+      out.resize(start);
+      throw;
+    }
   }
 };
 
