@@ -68,12 +68,6 @@ std::optional<std::int64_t> optionalInteger(const json::object& object, std::str
   badEncoding();
 }
 
-std::int64_t requiredInteger(const json::object& object, std::string_view key) {
-  const auto value = optionalInteger(object, key);
-  if (!value) missing();
-  return *value;
-}
-
 std::uint64_t parseIdentifier(std::string_view text) {
   std::uint64_t value = 0;
   const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -115,7 +109,6 @@ std::optional<platform::UUID> optionalUUID(const json::object& object, std::stri
 
 }  // namespace
 
-TransactionSequence::Source::~Source() = default;
 
 std::optional<VerificationResult<Transaction>> TransactionSequence::next() {
   if (!source_) return std::nullopt;
