@@ -103,6 +103,7 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   void finish(std::uint64_t transactionID);
   void sync();
   std::optional<Storefront> currentStorefront();
+  // The first updates sequence made from a store also yields, once, what was left unfinished.
   TransactionSequence updates();
   TransactionSequence all();
   TransactionSequence currentEntitlements();

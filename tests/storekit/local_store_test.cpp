@@ -5,6 +5,8 @@
 #include <set>
 #include <thread>
 
+#include <boost/json/parse.hpp>
+
 #include "platform/base64.h"
 #include "store_fixture.h"
 
@@ -12,6 +14,7 @@ namespace storekit::testing {
 namespace {
 
 using namespace std::chrono_literals;
+namespace json = boost::json;
 using Code = PurchaseError::Code;
 constexpr auto kNothing = 150ms;
 
@@ -453,6 +456,43 @@ TEST_F(StoreTest, TimeRateRenewsOnItsOwnAndConcurrentCallersGetDistinctIDs) {
   ASSERT_EQ(renewed.size(), 1u);
   EXPECT_EQ(payloadOf(renewed[0]).originalID(), trial);
   EXPECT_EQ(payloadOf(renewed[0]).purchaseDate(), *t.expirationDate());
+}
+
+TEST_F(StoreTest, InsertedPayloadsJoinTheHistorySignedByTheStore) {
+  auto payload = json::parse(R"({"transactionId":"900","originalTransactionId":"900","bundleId":"b",
+      "productId":"com.example.legacy","purchaseDate":1600000000000,"originalPurchaseDate":1600000000000,
+      "signedDate":1600000000000,"type":"Non-Consumable","environment":"Production",
+      "quantity":3000000000})").as_object();
+  const auto inserted = store_->insertTransaction(payload);
+  EXPECT_EQ(ids(Transaction::all()), std::vector<std::uint64_t>{900});
+  EXPECT_EQ(ids(Transaction::unfinished()), std::vector<std::uint64_t>{900});
+  auto entitlements = Transaction::currentEntitlements();
+  const auto element = entitlements.next();
+  ASSERT_TRUE(element && element->isVerified());
+  EXPECT_EQ(element->unsafePayloadValue().purchasedQuantity(), 3000000000);
+  EXPECT_GT(buy(kCoins), 900u);  // later ids stay increasing
+  const auto sandbox = store_->signedTransaction(900, Environment::sandbox());
+  const auto checked = store_->verifyTransaction(sandbox);
+  EXPECT_TRUE(checked.isVerified());
+  EXPECT_EQ(checked.unsafePayloadValue().environment(), Environment::sandbox());
+  EXPECT_THROW(store_->verifyTransaction("not a token"), VerificationError);
+  EXPECT_THROW(store_->insertTransaction(json::object{{"transactionId", "1"}}), VerificationError);
+}
+
+TEST(SharedStore, LoadsTheConfigurationNamedByTheEnvironmentOnFirstUse) {
+  const auto previous = LocalStore::setShared(nullptr);
+  ::setenv("VORNTESK_STOREKIT_CONFIG", sampleFile().c_str(), 1);
+  EXPECT_EQ(Product::products({kCoins, kPro}).size(), 2u);
+  const auto loaded = LocalStore::shared();
+  EXPECT_EQ(LocalStore::shared(), loaded);  // one per process
+  LocalStore::setShared(nullptr);
+  // A file that cannot be used is reported and leaves an empty store.
+  ::setenv("VORNTESK_STOREKIT_CONFIG", dataFile("missing.storekit").c_str(), 1);
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(Product::products({kCoins}).empty());
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find("missing.storekit"), std::string::npos);
+  ::unsetenv("VORNTESK_STOREKIT_CONFIG");
+  LocalStore::setShared(previous);
 }
 
 }  // namespace
