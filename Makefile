@@ -35,8 +35,13 @@ check-sanitizers: deps
 	$(MAKE) build PRESET=asan && ctest --preset asan
 	$(MAKE) build PRESET=tsan && ctest --preset tsan
 
-demo: deps
-	@echo "make demo arrives with the host driver (tools/vorntesk-storekit); nothing to run yet."
+# A scripted purchase session on the bundled sample store, printed for people to follow.
+demo: configure
+	cmake --build --preset $(PRESET) -j $(JOBS) --target vorntesk-storekit
+	@echo
+	@echo "vorntesk-storekit --transcript < examples/demo.jsonl"
+	@echo "(send: a line to the service; answer: its envelope; event: an update the observer pushed)"
+	build/$(PRESET)/tools/vorntesk-storekit --transcript < examples/demo.jsonl
 
 clean:
 	rm -rf build

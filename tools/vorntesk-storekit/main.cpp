@@ -1,0 +1,126 @@
+// vorntesk-storekit: plays the host for the AppleStoreKitService on a simulated App Store.
+// It loads a .storekit configuration into the process's LocalStore, registers the service
+// through the library's exported C function, and speaks JSON Lines on stdin/stdout.
+#include "bridge/register_service.h"
+#include "host_driver.h"
+#include "platform/system_version.h"
+#include "storekit/local_store.h"
+#include "store_controls.h"
+
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+namespace {
+
+using vorntesk_storekit::storeControlHelp;
+
+void printHelp(std::ostream& out) {
+  out << R"(Usage: vorntesk-storekit [--config FILE.storekit] [--os-version X.Y] [--transcript]
+
+Runs the AppleStoreKitService against a simulated App Store and speaks JSON Lines:
+one JSON object per line on standard input, one per line on standard output.
+
+Options:
+  --config FILE     the Xcode StoreKit configuration to serve (default: the bundled
+                    sample, examples/SampleStore.storekit)
+  --os-version X.Y  the system version the service converts for (default 26.0)
+  --transcript      write a transcript for people instead of JSON Lines: requests
+                    echoed, answers and events marked, long strings shortened
+  --help            this text
+
+Lines in:
+  {"id":ID,"call":METHOD,"payload":VALUE}
+      calls METHOD with VALUE written compactly as the payload text ({} if absent), and
+      waits for the answer before reading the next line.
+      {"id":1,"call":"GetProducts","payload":{"productIds":["com.example.pro.monthly"]}}
+  {"id":ID,"call":METHOD,"payloadText":TEXT}
+      passes TEXT exactly as the payload, for payloads that are not valid JSON.
+      {"id":2,"call":"Purchase","payloadText":"{not json"}
+  {"id":ID,"call":METHOD,...,"detach":true}
+      does not wait: the answer comes whenever it is ready.
+  {"id":ID,"callSync":METHOD,"payload":VALUE}
+      the synchronous entry (the service has no synchronous methods).
+  {"id":ID,"cancel":N}
+      passes cancellation of callback N to the service.
+  {"id":ID,"store":CONTROL,...}
+      runs a control of the simulated store, with its arguments as members (below).
+  {"note":TEXT}
+      a comment: no answer (a heading in the transcript).
+  Blank lines are skipped.
+
+Lines out:
+  {"id":ID,"envelope":ENVELOPE}     the service's answer, inserted verbatim
+  {"id":ID,"ok":true,...}           a control's result
+  {"event":NAME,"payload":PAYLOAD}  an event from the service, payload verbatim
+  {"id":ID,"error":MESSAGE}         a line that could not be understood ("id":null when
+                                    it has none); the driver goes on with the next line
+
+At the end of input the driver waits for detached calls and exits with status 0.
+
+Methods: GetProducts, Purchase, StartTransactionObserver, StopTransactionObserver,
+GetCurrentEntitlements, GetAllTransactions, GetUnfinishedTransactions, FinishTransaction,
+Sync, GetStorefront.
+
+Store controls:
+)";
+  for (const auto& control : storeControlHelp()) {
+    out << "  " << control.name;
+    if (!control.arguments.empty()) out << "  (" << control.arguments << ")";
+    out << "\n      " << control.summary << "\n      " << control.example << "\n";
+  }
+}
+
+std::string defaultConfiguration() {
+  for (const char* candidate : {VORNTESK_SAMPLE_CONFIG, VORNTESK_INSTALLED_SAMPLE_CONFIG}) {
+    if (std::filesystem::exists(candidate)) return candidate;
+  }
+  return VORNTESK_SAMPLE_CONFIG;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string configuration = defaultConfiguration();
+  auto output = vorntesk_storekit::HostDriver::Output::protocol;
+  for (int i = 1; i < argc; ++i) {
+    const std::string argument = argv[i];
+    if (argument == "--help" || argument == "-h") {
+      printHelp(std::cout);
+      return 0;
+    }
+    if (argument == "--transcript") {
+      output = vorntesk_storekit::HostDriver::Output::transcript;
+      continue;
+    }
+    if ((argument == "--config" || argument == "--os-version") && i + 1 < argc) {
+      const std::string value = argv[++i];
+      if (argument == "--config") {
+        configuration = value;
+      } else if (const auto version = platform::SystemVersion::parse(value)) {
+        platform::SystemVersion::set(*version);
+      } else {
+        std::cerr << "vorntesk-storekit: --os-version wants a version such as 17.2, not \"" << value
+                  << "\"\n";
+        return 2;
+      }
+      continue;
+    }
+    std::cerr << "vorntesk-storekit: unknown argument \"" << argument << "\" (see --help)\n";
+    return 2;
+  }
+
+  try {
+    storekit::LocalStore::setShared(storekit::LocalStore::createFromFile(configuration));
+  } catch (const std::exception& error) {
+    std::cerr << "vorntesk-storekit: " << error.what() << "\n";
+    return 1;
+  }
+
+  std::ios::sync_with_stdio(false);
+  vorntesk_storekit::LineWriter writer(std::cout);
+  vorntesk_storekit::HostDriver driver(writer, output);
+  Vorn_Tesk_AppleStoreKitService_Register();
+  driver.run(std::cin);
+  return 0;
+}

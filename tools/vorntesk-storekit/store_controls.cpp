@@ -1,0 +1,370 @@
+#include "store_controls.h"
+
+#include "platform/date.h"
+#include "platform/system_version.h"
+#include "platform/uuid.h"
+#include "storekit/local_store.h"
+
+#include <boost/json/value_from.hpp>
+
+#include <functional>
+#include <limits>
+#include <map>
+
+namespace vorntesk_storekit {
+
+namespace {
+
+using boost::json::object;
+using storekit::LocalStore;
+
+// Typed access to a control's arguments with messages that name the argument.
+class Arguments {
+ public:
+  explicit Arguments(const object& members) : members_(members) {}
+
+  const boost::json::value* find(std::string_view key) const {
+    const auto* value = members_.if_contains(key);
+    return value == nullptr || value->is_null() ? nullptr : value;
+  }
+  bool has(std::string_view key) const { return find(key) != nullptr; }
+
+  std::string string(std::string_view key) const {
+    const auto* value = require(key);
+    if (!value->is_string()) fail(key, "a string");
+    return std::string(value->get_string());
+  }
+  bool boolean(std::string_view key) const {
+    const auto* value = require(key);
+    if (!value->is_bool()) fail(key, "true or false");
+    return value->get_bool();
+  }
+  std::uint64_t identifier(std::string_view key) const {
+    const auto* value = require(key);
+    if (value->is_uint64()) return value->get_uint64();
+    if (value->is_int64() && value->get_int64() >= 0) return static_cast<std::uint64_t>(value->get_int64());
+    fail(key, "a transaction identifier (an unsigned integer)");
+  }
+  std::int64_t integer(std::string_view key) const {
+    const auto* value = require(key);
+    if (!value->is_int64()) fail(key, "an integer");
+    return value->get_int64();
+  }
+  double number(std::string_view key) const {
+    const auto* value = require(key);
+    if (value->is_int64()) return static_cast<double>(value->get_int64());
+    if (value->is_uint64()) return static_cast<double>(value->get_uint64());
+    if (value->is_double()) return value->get_double();
+    fail(key, "a number");
+  }
+
+ private:
+  const boost::json::value* require(std::string_view key) const {
+    const auto* value = find(key);
+    if (value == nullptr) throw ControlError("missing argument \"" + std::string(key) + "\"");
+    return value;
+  }
+  [[noreturn]] static void fail(std::string_view key, std::string_view expected) {
+    throw ControlError("argument \"" + std::string(key) + "\" must be " + std::string(expected));
+  }
+  const object& members_;
+};
+
+std::string stateName(storekit::TestTransaction::State state) {
+  switch (state) {
+    case storekit::TestTransaction::State::purchased: return "purchased";
+    case storekit::TestTransaction::State::pendingAskToBuy: return "pendingAskToBuy";
+    case storekit::TestTransaction::State::declined: return "declined";
+    case storekit::TestTransaction::State::interrupted: return "interrupted";
+  }
+  return "unknown";
+}
+
+object describe(const storekit::TestTransaction& entry) {
+  object out;
+  out["identifier"] = entry.identifier;
+  out["productIdentifier"] = entry.productIdentifier;
+  out["state"] = stateName(entry.state);
+  out["pendingAskToBuyConfirmation"] = entry.pendingAskToBuyConfirmation;
+  out["hasPurchaseIssue"] = entry.hasPurchaseIssue;
+  out["finished"] = entry.finished;
+  out["revoked"] = entry.revoked;
+  out["autoRenewingEnabled"] = entry.autoRenewingEnabled;
+  if (entry.originalTransactionIdentifier) {
+    out["originalTransactionIdentifier"] = *entry.originalTransactionIdentifier;
+  }
+  if (entry.purchaseDate) out["purchaseDate"] = platform::formatRFC3339(*entry.purchaseDate);
+  if (entry.expirationDate) out["expirationDate"] = platform::formatRFC3339(*entry.expirationDate);
+  return out;
+}
+
+// buyProduct's "options": quantity, appAccountToken, promotionalOfferID.
+std::vector<storekit::PurchaseOption> purchaseOptions(const Arguments& arguments) {
+  std::vector<storekit::PurchaseOption> options;
+  if (arguments.has("quantity")) {
+    options.push_back(storekit::PurchaseOption::quantity(arguments.integer("quantity")));
+  }
+  if (arguments.has("appAccountToken")) {
+    const auto token = platform::UUID::fromString(arguments.string("appAccountToken"));
+    if (!token) throw ControlError("argument \"appAccountToken\" must be a UUID");
+    options.push_back(storekit::PurchaseOption::appAccountToken(*token));
+  }
+  if (arguments.has("promotionalOfferID")) {
+    options.push_back(storekit::PurchaseOption::promotionalOffer(
+        arguments.string("promotionalOfferID"), "local-key", platform::UUID::random(), "", 0));
+  }
+  return options;
+}
+
+storekit::SimulatedError simulatedError(const std::string& name) {
+  const auto error = storekit::simulatedErrorNamed(name);
+  if (!error) throw ControlError("unknown error \"" + name + "\"");
+  return *error;
+}
+
+struct Control {
+  ControlHelp help;
+  std::function<object(LocalStore&, const Arguments&)> run;
+};
+
+// A control that reads a setting, or sets it when "value" is given.
+template <class Getter, class Setter, class Read>
+Control setting(std::string name, std::string kind, std::string summary, std::string example,
+                Getter get, Setter set, Read read) {
+  return Control{{name, "[value: " + kind + "]", std::move(summary), std::move(example)},
+                 [get, set, read](LocalStore& store, const Arguments& arguments) {
+                   if (arguments.has("value")) set(store, read(arguments));
+                   object out;
+                   out["value"] = boost::json::value_from(get(store));
+                   return out;
+                 }};
+}
+
+const std::map<std::string, Control, std::less<>>& controls() {
+  static const auto* table = [] {
+    auto* t = new std::map<std::string, Control, std::less<>>();
+    auto add = [t](Control control) { (*t)[control.help.name] = std::move(control); };
+    const auto readBool = [](const Arguments& a) { return a.boolean("value"); };
+    const auto readString = [](const Arguments& a) { return a.string("value"); };
+
+    add(setting("askToBuyEnabled", "boolean", "purchases wait for a parent's approval",
+                R"({"id":1,"store":"askToBuyEnabled","value":true})",
+                [](LocalStore& s) { return s.askToBuyEnabled(); },
+                [](LocalStore& s, bool v) { s.setAskToBuyEnabled(v); }, readBool));
+    add(setting("interruptedPurchasesEnabled", "boolean",
+                "purchases stop for a required action and fail",
+                R"({"id":1,"store":"interruptedPurchasesEnabled","value":true})",
+                [](LocalStore& s) { return s.interruptedPurchasesEnabled(); },
+                [](LocalStore& s, bool v) { s.setInterruptedPurchasesEnabled(v); }, readBool));
+    add(setting("failTransactionsEnabled", "boolean", "purchases fail with an error",
+                R"({"id":1,"store":"failTransactionsEnabled","value":true})",
+                [](LocalStore& s) { return s.failTransactionsEnabled(); },
+                [](LocalStore& s, bool v) { s.setFailTransactionsEnabled(v); }, readBool));
+    add(setting("timeRate", "integer (SKTestSession.TimeRate raw value)",
+                "how fast subscriptions renew (0 real time, 1005 one renewal every 2 s)",
+                R"({"id":1,"store":"timeRate","value":1005})",
+                [](LocalStore& s) { return s.timeRate(); },
+                [](LocalStore& s, std::int64_t v) { s.setTimeRate(static_cast<int>(v)); },
+                [](const Arguments& a) { return a.integer("value"); }));
+    add(setting("storefront", "string (ISO 3166-1 alpha-3)", "the account's storefront",
+                R"({"id":1,"store":"storefront","value":"FRA"})",
+                [](LocalStore& s) { return s.storefront(); },
+                [](LocalStore& s, const std::string& v) { s.setStorefront(v); }, readString));
+    add(setting("locale", "string", "the locale products are described and priced in",
+                R"({"id":1,"store":"locale","value":"fr_FR"})",
+                [](LocalStore& s) { return s.locale(); },
+                [](LocalStore& s, const std::string& v) { s.setLocale(v); }, readString));
+    add(setting("bundleID", "string", "the app's bundle identifier in signed transactions",
+                R"({"id":1,"store":"bundleID","value":"com.example.app"})",
+                [](LocalStore& s) { return s.bundleID(); },
+                [](LocalStore& s, const std::string& v) { s.setBundleID(v); }, readString));
+    add(setting("osVersion", "string (major.minor)",
+                "the simulated system version the service converts for",
+                R"({"id":1,"store":"osVersion","value":"17.1"})",
+                [](LocalStore&) {
+                  return platform::SystemVersion::toString(platform::SystemVersion::current());
+                },
+                [](LocalStore&, const std::string& v) {
+                  const auto version = platform::SystemVersion::parse(v);
+                  if (!version) throw ControlError("argument \"value\" must be a version such as 17.2");
+                  platform::SystemVersion::set(*version);
+                },
+                readString));
+
+    add({{"storefrontAvailable", "available: boolean",
+          "whether the storefront can be determined at all",
+          R"({"id":1,"store":"storefrontAvailable","available":false})"},
+         [](LocalStore& s, const Arguments& a) {
+           s.setStorefrontAvailable(a.boolean("available"));
+           return object{};
+         }});
+    add({{"allTransactions", "", "the whole history, pending ask-to-buy requests included",
+          R"({"id":1,"store":"allTransactions"})"},
+         [](LocalStore& s, const Arguments&) {
+           boost::json::array list;
+           for (const auto& entry : s.allTransactions()) list.push_back(describe(entry));
+           return object{{"transactions", std::move(list)}};
+         }});
+    add({{"clearTransactions", "", "forgets every transaction",
+          R"({"id":1,"store":"clearTransactions"})"},
+         [](LocalStore& s, const Arguments&) {
+           s.clearTransactions();
+           return object{};
+         }});
+    add({{"deleteTransaction", "identifier", "forgets one transaction",
+          R"({"id":1,"store":"deleteTransaction","identifier":3})"},
+         [](LocalStore& s, const Arguments& a) {
+           s.deleteTransaction(a.identifier("identifier"));
+           return object{};
+         }});
+    add({{"resetToDefaultState", "", "settings back to the configuration's; history cleared",
+          R"({"id":1,"store":"resetToDefaultState"})"},
+         [](LocalStore& s, const Arguments&) {
+           s.resetToDefaultState();
+           return object{};
+         }});
+    add({{"buyProduct", "productID, [quantity], [appAccountToken], [promotionalOfferID]",
+          "a purchase made outside the app, delivered through the update stream",
+          R"({"id":1,"store":"buyProduct","productID":"com.example.coins100"})"},
+         [](LocalStore& s, const Arguments& a) {
+           const auto transaction = s.buyProduct(a.string("productID"), purchaseOptions(a));
+           return object{{"transactionId", transaction.id()}};
+         }});
+    add({{"redeemOfferCode", "productID, offerID",
+          "an offer code redeemed outside the app, delivered through the update stream",
+          R"({"id":1,"store":"redeemOfferCode","productID":"pro.monthly","offerID":"WELCOME"})"},
+         [](LocalStore& s, const Arguments& a) {
+           const auto transaction = s.redeemOfferCode(a.string("productID"), a.string("offerID"));
+           return object{{"transactionId", transaction.id()}};
+         }});
+    const auto byIdentifier = [&](std::string name, std::string summary,
+                                  void (LocalStore::*action)(std::uint64_t)) {
+      add({{name, "identifier", std::move(summary),
+            R"({"id":1,"store":")" + name + R"(","identifier":2})"},
+           [action](LocalStore& s, const Arguments& a) {
+             (s.*action)(a.identifier("identifier"));
+             return object{};
+           }});
+    };
+    byIdentifier("approveAskToBuyTransaction",
+                 "approves a pending request; the purchase arrives through the update stream",
+                 &LocalStore::approveAskToBuyTransaction);
+    byIdentifier("declineAskToBuyTransaction", "declines a pending request; nothing arrives",
+                 &LocalStore::declineAskToBuyTransaction);
+    byIdentifier("resolveIssueForTransaction", "clears a billing or interrupted-purchase issue",
+                 &LocalStore::resolveIssueForTransaction);
+    byIdentifier("disableAutoRenewForTransaction", "the subscription will not renew",
+                 &LocalStore::disableAutoRenewForTransaction);
+    byIdentifier("enableAutoRenewForTransaction", "the subscription renews again",
+                 &LocalStore::enableAutoRenewForTransaction);
+    add({{"refundTransaction", "identifier, [reason: \"other\" | \"developerIssue\"]",
+          "revokes a transaction; the change arrives through the update stream",
+          R"({"id":1,"store":"refundTransaction","identifier":2})"},
+         [](LocalStore& s, const Arguments& a) {
+           auto reason = storekit::Transaction::RevocationReason::other();
+           if (a.has("reason")) {
+             const std::string name = a.string("reason");
+             if (name == "developerIssue") {
+               reason = storekit::Transaction::RevocationReason::developerIssue();
+             } else if (name != "other") {
+               throw ControlError(R"(argument "reason" must be "other" or "developerIssue")");
+             }
+           }
+           s.refundTransaction(a.identifier("identifier"), reason);
+           return object{};
+         }});
+    add({{"expireSubscription", "productID", "ends the current period of a subscription now",
+          R"({"id":1,"store":"expireSubscription","productID":"pro.monthly"})"},
+         [](LocalStore& s, const Arguments& a) {
+           s.expireSubscription(a.string("productID"));
+           return object{};
+         }});
+    add({{"forceRenewalOfSubscription", "productID", "renews a subscription now",
+          R"({"id":1,"store":"forceRenewalOfSubscription","productID":"pro.monthly"})"},
+         [](LocalStore& s, const Arguments& a) {
+           s.forceRenewalOfSubscription(a.string("productID"));
+           return object{};
+         }});
+    add({{"advanceTime", "seconds", "moves the store clock ahead; due renewals happen at once",
+          R"({"id":1,"store":"advanceTime","seconds":2678400})"},
+         [](LocalStore& s, const Arguments& a) {
+           s.advanceTime(a.number("seconds"));
+           return object{{"now", platform::formatRFC3339(s.now())}};
+         }});
+    add({{"now", "", "the store clock", R"({"id":1,"store":"now"})"},
+         [](LocalStore& s, const Arguments&) {
+           return object{{"now", platform::formatRFC3339(s.now())}};
+         }});
+    add({{"setSimulatedError",
+          "api (loadProducts, purchase, verification, appStoreSync, ...), [error: a StoreKitError, "
+          "PurchaseError or VerificationError case name; null clears]",
+          "makes a store call fail",
+          R"({"id":1,"store":"setSimulatedError","api":"purchase","error":"networkError"})"},
+         [](LocalStore& s, const Arguments& a) {
+           const auto api = storekit::storeKitAPINamed(a.string("api"));
+           if (!api) throw ControlError("unknown api \"" + a.string("api") + "\"");
+           std::optional<storekit::SimulatedError> error;
+           if (a.has("error")) error = simulatedError(a.string("error"));
+           s.setSimulatedError(*api, error);
+           return object{};
+         }});
+    add({{"setVerificationFailure", "identifier, [error: a VerificationError case name]",
+          "makes one transaction come out unverified",
+          R"({"id":1,"store":"setVerificationFailure","identifier":2,"error":"revokedCertificate"})"},
+         [](LocalStore& s, const Arguments& a) {
+           std::optional<storekit::VerificationError> error;
+           if (a.has("error")) {
+             error = storekit::VerificationError::named(a.string("error"));
+             if (!error) throw ControlError("unknown verification error \"" + a.string("error") + "\"");
+           }
+           s.setVerificationFailure(a.identifier("identifier"), error);
+           return object{};
+         }});
+    add({{"setNextPurchaseResult", "[result: \"userCancelled\" | \"unrecognized\"; null clears]",
+          "what the next purchase answers instead of going through",
+          R"({"id":1,"store":"setNextPurchaseResult","result":"userCancelled"})"},
+         [](LocalStore& s, const Arguments& a) {
+           std::optional<LocalStore::NextPurchaseResult> result;
+           if (a.has("result")) {
+             const std::string name = a.string("result");
+             if (name == "userCancelled") {
+               result = LocalStore::NextPurchaseResult::userCancelled;
+             } else if (name == "unrecognized") {
+               result = LocalStore::NextPurchaseResult::unrecognized;
+             } else {
+               throw ControlError(R"(argument "result" must be "userCancelled" or "unrecognized")");
+             }
+           }
+           s.setNextPurchaseResult(result);
+           return object{};
+         }});
+    add({{"loadConfiguration", "path", "replaces products and settings from a .storekit file",
+          R"({"id":1,"store":"loadConfiguration","path":"examples/SampleStore.storekit"})"},
+         [](LocalStore& s, const Arguments& a) {
+           s.loadConfiguration(storekit::StoreConfiguration::load(a.string("path")));
+           return object{};
+         }});
+    return t;
+  }();
+  return *table;
+}
+
+}  // namespace
+
+boost::json::object runStoreControl(std::string_view name, const boost::json::object& arguments) {
+  const auto& table = controls();
+  const auto found = table.find(name);
+  if (found == table.end()) throw ControlError("unknown store control \"" + std::string(name) + "\"");
+  return found->second.run(*LocalStore::shared(), Arguments(arguments));
+}
+
+const std::vector<ControlHelp>& storeControlHelp() {
+  static const auto* help = [] {
+    auto* list = new std::vector<ControlHelp>();
+    for (const auto& [name, control] : controls()) list->push_back(control.help);
+    return list;
+  }();
+  return *help;
+}
+
+}  // namespace vorntesk_storekit
