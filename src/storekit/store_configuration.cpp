@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -13,6 +14,9 @@
 namespace storekit {
 namespace json = boost::json;
 namespace {
+
+// Far beyond any real offer, small enough that period arithmetic cannot overflow.
+constexpr std::int64_t kMaxPeriodValue = 999;
 
 std::string fold(std::string_view text) {
   std::string folded;
@@ -88,8 +92,12 @@ class Reader {
     if (value_.is_uint64() && value_.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX)) {
       return static_cast<std::int64_t>(value_.get_uint64());
     }
-    if (value_.is_double() && value_.get_double() == static_cast<double>(static_cast<std::int64_t>(value_.get_double()))) {
-      return static_cast<std::int64_t>(value_.get_double());
+    // Some writers print whole numbers as "2.0".
+    if (value_.is_double()) {
+      const double number = value_.get_double();
+      if (number >= -9.0e15 && number <= 9.0e15 && number == std::floor(number)) {
+        return static_cast<std::int64_t>(number);
+      }
     }
     fail("expected a whole number");
   }
@@ -109,7 +117,9 @@ class Reader {
   }
   SubscriptionPeriod period() const {
     auto parsed = SubscriptionPeriod::parse(string());
-    if (!parsed) fail("not a subscription period: " + json::serialize(value_));
+    if (!parsed || parsed->value > kMaxPeriodValue) {
+      fail("not a subscription period: " + json::serialize(value_));
+    }
     return *parsed;
   }
 
@@ -157,7 +167,9 @@ ConfiguredOffer readOffer(const Reader& reader, bool needsOfferID) {
   offer.period = reader.required("subscriptionPeriod").period();
   if (auto count = reader.member("numberOfPeriods")) {
     offer.numberOfPeriods = count->integer();
-    if (offer.numberOfPeriods < 1) count->fail("must be at least 1");
+    if (offer.numberOfPeriods < 1 || offer.numberOfPeriods > kMaxPeriodValue) {
+      count->fail("must be between 1 and " + std::to_string(kMaxPeriodValue));
+    }
   }
   if (offer.paymentMode != ConfiguredOffer::Mode::payAsYouGo) offer.numberOfPeriods = 1;
   if (offer.paymentMode == ConfiguredOffer::Mode::freeTrial) {

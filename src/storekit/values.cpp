@@ -9,7 +9,10 @@ std::optional<SubscriptionPeriod> SubscriptionPeriod::parse(std::string_view iso
   const auto digits = iso.substr(1, iso.size() - 2);
   std::int64_t value = 0;
   const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-  if (ec != std::errc() || end != digits.data() + digits.size() || value <= 0) return std::nullopt;
+  // Periods this long exist nowhere; refusing them keeps date arithmetic far from overflow.
+  if (ec != std::errc() || end != digits.data() + digits.size() || value <= 0 || value > 100000) {
+    return std::nullopt;
+  }
   switch (iso.back()) {
     case 'D': return SubscriptionPeriod{value, Unit::day};
     case 'W': return SubscriptionPeriod{value, Unit::week};

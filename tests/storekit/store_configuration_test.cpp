@@ -153,6 +153,10 @@ TEST(StoreConfiguration, RefusesBrokenFilesNamingThePlace) {
       {sub(R"(,"recurringSubscriptionPeriod":"P1X")"),
        "bad.storekit: subscriptionGroups[0].subscriptions[0].recurringSubscriptionPeriod: not a "
        "subscription period"},
+      {sub(R"(,"introductoryOffer":{"paymentMode":"free","subscriptionPeriod":"P99999999Y"})"),
+       "subscriptions[0].introductoryOffer.subscriptionPeriod: not a subscription period"},
+      {sub(R"(,"adHocOffers":[{"offerID":"o","paymentMode":"payAsYouGo","subscriptionPeriod":"P1M","numberOfPeriods":5000,"displayPrice":"1"}])"),
+       "subscriptions[0].adHocOffers[0].numberOfPeriods: must be between 1 and 999"},
       {sub(R"(,"introductoryOffer":{"paymentMode":"halfOff","subscriptionPeriod":"P1W"})"),
        "subscriptions[0].introductoryOffer.paymentMode: unknown payment mode \"halfOff\""},
       {sub(R"(,"adHocOffers":[{"paymentMode":"free","subscriptionPeriod":"P1W"}])"),
