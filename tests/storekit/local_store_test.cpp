@@ -103,8 +103,7 @@ TEST_F(StoreTest, FreeTrialThenRenewalsOnTheStoreClock) {
   store_->disableAutoRenewForTransaction(renewal.id());
   store_->advanceTime(40.0 * 24 * 3600);
   EXPECT_TRUE(take(updates, 1, kNothing).empty());
-  EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
-  EXPECT_EQ(ids(Transaction::all()).size(), 2u);
+  expectLists({trialID, renewal.id()}, {trialID, renewal.id()}, {});
 }
 
 TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndUpgradesReplaceTheEntitlement) {
@@ -155,9 +154,7 @@ TEST_F(StoreTest, AskToBuyApprovalArrivesOnUpdatesAndDeclineDeliversNothing) {
   ASSERT_EQ(pending.size(), 2u);
   EXPECT_TRUE(pending[0].pendingAskToBuyConfirmation);
   EXPECT_FALSE(pending[0].transaction);
-  EXPECT_TRUE(ids(Transaction::all()).empty());
-  EXPECT_TRUE(ids(Transaction::unfinished()).empty());
-  EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
+  expectLists({}, {}, {});
 
   store_->declineAskToBuyTransaction(pending[1].identifier);
   EXPECT_TRUE(take(updates, 1, kNothing).empty());
@@ -169,9 +166,7 @@ TEST_F(StoreTest, AskToBuyApprovalArrivesOnUpdatesAndDeclineDeliversNothing) {
   ASSERT_EQ(approved.size(), 1u);
   EXPECT_EQ(payloadOf(approved[0]).id(), pending[0].identifier);
   EXPECT_EQ(payloadOf(approved[0]).productID(), kRemoveAds);
-  EXPECT_EQ(ids(Transaction::all()), std::vector<std::uint64_t>{pending[0].identifier});
-  EXPECT_EQ(ids(Transaction::unfinished()), std::vector<std::uint64_t>{pending[0].identifier});
-  EXPECT_EQ(ids(Transaction::currentEntitlements()), std::vector<std::uint64_t>{pending[0].identifier});
+  expectLists({pending[0].identifier}, {pending[0].identifier}, {pending[0].identifier});
 }
 
 TEST_F(StoreTest, OutsidePurchasesWithOffersAndInterruptedPurchases) {
@@ -198,13 +193,13 @@ TEST_F(StoreTest, OutsidePurchasesWithOffersAndInterruptedPurchases) {
       Product::products({kSeasonPass}).at(0).purchase().value));
   const auto interrupted = store_->allTransactions().back();
   EXPECT_TRUE(interrupted.hasPurchaseIssue);
-  EXPECT_EQ(ids(Transaction::all()), std::vector<std::uint64_t>{outside.id()});
+  expectLists({outside.id()}, {outside.id()}, {outside.id()});
   store_->resolveIssueForTransaction(interrupted.identifier);
   const auto resolved = take(updates, 1);
   ASSERT_EQ(resolved.size(), 1u);
   EXPECT_EQ(payloadOf(resolved[0]).productID(), kSeasonPass);
-  EXPECT_EQ(ids(Transaction::currentEntitlements()),
-            (std::vector<std::uint64_t>{outside.id(), interrupted.identifier}));
+  const IDs both{outside.id(), interrupted.identifier};
+  expectLists(both, both, both);
 }
 
 TEST_F(StoreTest, OfferCodesAndPurchaseOptionErrors) {
@@ -253,9 +248,7 @@ TEST_F(StoreTest, RefundRevokesReSignsAndRemovesTheEntitlement) {
   EXPECT_TRUE(refunded.revocationDate());
   EXPECT_EQ(refunded.revocationReason(), Transaction::RevocationReason::developerIssue());
   EXPECT_EQ(payloadOf(refunds[1]).revocationReason(), Transaction::RevocationReason::other());
-  EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
-  EXPECT_EQ(ids(Transaction::all()), (std::vector<std::uint64_t>{adsID, proID}));
-  EXPECT_EQ(ids(Transaction::unfinished()), (std::vector<std::uint64_t>{adsID, proID}));
+  expectLists({adsID, proID}, {adsID, proID}, {});
   auto all = Transaction::all();
   EXPECT_TRUE(all.next()->unsafePayloadValue().revocationDate());
   // A refunded subscription does not renew.
@@ -275,23 +268,21 @@ TEST_F(StoreTest, ExpireForceRenewAndClear) {
   const auto renewal = payloadOf(forced[0]);
   EXPECT_EQ(renewal.reason(), Transaction::Reason::renewal());
   EXPECT_EQ(renewal.originalID(), proID);
-  EXPECT_EQ(ids(Transaction::currentEntitlements()), std::vector<std::uint64_t>{renewal.id()});
+  expectLists({proID, renewal.id()}, {proID, renewal.id()}, {renewal.id()});
 
   store_->expireSubscription(kPro);
-  EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
   EXPECT_LE(*store_->allTransactions().back().transaction->expirationDate(), store_->now());
   store_->advanceTime(60.0 * 24 * 3600);
   EXPECT_TRUE(take(updates, 1, kNothing).empty());  // expiry is not a transaction
-  EXPECT_EQ(ids(Transaction::all()), (std::vector<std::uint64_t>{proID, renewal.id()}));
+  expectLists({proID, renewal.id()}, {proID, renewal.id()}, {});
   EXPECT_THROW(store_->expireSubscription(kPro), std::invalid_argument);
 
   buy(kSeasonPass);
   buy(kCoins);
   store_->clearTransactions();
   EXPECT_TRUE(store_->allTransactions().empty());
-  EXPECT_TRUE(ids(Transaction::all()).empty());
-  EXPECT_TRUE(ids(Transaction::unfinished()).empty());
-  EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
+  expectLists({}, {}, {});
+  EXPECT_TRUE(take(updates, 1, kNothing).empty());
   // After clearing, the group's introductory offer is available again.
   buy(kPro);
   EXPECT_TRUE(store_->allTransactions().back().transaction->offer());
@@ -308,6 +299,7 @@ TEST_F(StoreTest, SimulatedErrorsAndVerificationFailures) {
   store_->setSimulatedError(StoreKitAPI::purchase, StoreKitError::userCancelled());
   EXPECT_THROW(coins.purchase(), StoreKitError);
   store_->setSimulatedError(StoreKitAPI::purchase, std::nullopt);
+  expectLists({}, {}, {});
 
   store_->setSimulatedError(StoreKitAPI::appStoreSync,
                             StoreKitError::networkError(URLError(URLError::kTimedOut, "")));

@@ -47,6 +47,15 @@ inline std::vector<VerificationResult<Transaction>> take(
   return future.get();
 }
 
+using IDs = std::vector<std::uint64_t>;
+
+// What the three listings show, in their order.
+inline void expectLists(const IDs& all, const IDs& unfinished, const IDs& entitlements) {
+  EXPECT_EQ(ids(Transaction::all()), all) << "all";
+  EXPECT_EQ(ids(Transaction::unfinished()), unfinished) << "unfinished";
+  EXPECT_EQ(ids(Transaction::currentEntitlements()), entitlements) << "currentEntitlements";
+}
+
 inline std::vector<std::uint64_t> idsOf(const std::vector<VerificationResult<Transaction>>& results) {
   std::vector<std::uint64_t> result;
   for (const auto& element : results) result.push_back(element.unsafePayloadValue().id());
