@@ -8,6 +8,7 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <openssl/bn.h>
+#include <openssl/crypto.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
@@ -20,6 +21,11 @@
 namespace storekit {
 namespace json = boost::json;
 namespace {
+
+// The store's threads (update sequences, renewals) may still be signing or verifying while
+// the process exits, and OpenSSL's clean-up at exit would free what they are using. Set up
+// before anything here touches OpenSSL, so that the clean-up is never registered.
+[[maybe_unused]] const bool kCryptoReady = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
 
 constexpr const char* kLeafMarkerOID = "1.2.840.113635.100.6.11.1";
 constexpr const char* kIntermediateMarkerOID = "1.2.840.113635.100.6.2.1";
