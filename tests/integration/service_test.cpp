@@ -1,0 +1,233 @@
+// The registered service end to end: calls through the host's dispatcher against a store
+// loaded from a .storekit file, with the exact envelopes a host receives, and the update
+// events that changes made outside the app produce.
+#include "support/store_service.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace testsupport;
+using storekit::StoreKitAPI;
+using storekit::StoreKitError;
+
+const std::string kSuccess = R"({"success":{}})";
+const std::string kPending = R"({"outcome":{"code":"pending","data":{}}})";
+const std::string kUserCanceled = R"({"outcome":{"code":"user_canceled","data":{}}})";
+
+std::string buy(const std::string& productId) { return R"({"productId":")" + productId + R"("})"; }
+
+TEST_F(ServiceTest, ProductsComeInTheStoresOrderUnknownOnesAreLeftOutAndNoneIsRefused) {
+  const std::string coins =
+      R"({"id":"com.vorntesk.sample.coins100","displayName":"100 Coins",)"
+      R"("description":"A pouch of 100 coins to spend in the shop.","displayPrice":"$0.99",)"
+      R"("price":"0.99","priceLocale":"en_US","productType":1,"isFamilyShareable":false})";
+  const std::string pro =
+      R"({"id":"com.vorntesk.sample.pro.monthly","displayName":"Trail Club Pro",)"
+      R"("description":"Every trail, every feature, billed monthly.","displayPrice":"$6.99",)"
+      R"("price":"6.99","priceLocale":"en_US","productType":3,"subscription":{)"
+      R"("subscriptionGroupId":"21500001","subscriptionPeriod":{"value":1,"unit":3},)"
+      R"("introductoryOffer":{"type":1,"price":"0","displayPrice":"$0.00",)"
+      R"("period":{"value":1,"unit":2},"periodCount":1,"paymentMode":3},)"
+      R"("promotionalOffers":[{"id":"trailclub.comeback.sixmonths","type":2,"price":"19.99",)"
+      R"("displayPrice":"$19.99","period":{"value":6,"unit":3},"periodCount":1,"paymentMode":2}]},)"
+      R"("isFamilyShareable":false})";
+  const std::string basic =
+      R"({"id":"com.vorntesk.sample.basic.monthly","displayName":"Trail Club Basic",)"
+      R"("description":"The essentials, billed monthly.","displayPrice":"$2.99","price":"2.99",)"
+      R"("priceLocale":"en_US","productType":3,"subscription":{"subscriptionGroupId":"21500001",)"
+      R"("subscriptionPeriod":{"value":1,"unit":3},"introductoryOffer":{"type":1,"price":"0.99",)"
+      R"("displayPrice":"$0.99","period":{"value":1,"unit":3},"periodCount":3,"paymentMode":1},)"
+      R"("promotionalOffers":[]},"isFamilyShareable":false})";
+
+  EXPECT_EQ(call("GetProducts", R"({"productIds":[")" + kBasic + R"(","com.vorntesk.nope",")" +
+                                    kCoins + R"(",")" + kPro + R"("]})"),
+            R"({"success":{"products":[)" + coins + "," + pro + "," + basic + "]}}");
+  EXPECT_EQ(call("GetProducts", R"({"productIds":["com.vorntesk.nope"]})"),
+            R"({"success":{"products":[]}})");
+  // The empty list is refused before the store is asked: its simulated error never shows.
+  store->setSimulatedError(StoreKitAPI::loadProducts, StoreKitError::notEntitled());
+  EXPECT_EQ(call("GetProducts", R"({"productIds":[]})"),
+            R"({"error":{"code":"INVALID_ARGUMENT","message":"productIds must not be empty."}})");
+}
+
+TEST_F(ServiceTest, APurchaseAnswersTheWholeTransactionWithQuantityAndTokenAsTheStoreTookThem) {
+  struct Row {
+    std::string productId;
+    std::string options;  // the request's "options" member, if any
+    std::int64_t quantity;
+    std::optional<std::string> token;
+  };
+  const std::vector<Row> rows = {
+      {kCoins, R"({"quantity":3,"appAccountToken":"e3b0c442-98fc-1c14-9afb-f4c8996fb924"})", 3,
+       "E3B0C442-98FC-1C14-9AFB-F4C8996FB924"},
+      {kCoins, R"({"quantity":2})", 2, std::nullopt},
+      {kCoins, R"({"quantity":1})", 1, std::nullopt},
+      // The store refuses quantities below one; these never reach it.
+      {kCoins, R"({"quantity":0})", 1, std::nullopt},
+      {kCoins, R"({"quantity":-5,"appAccountToken":"not-a-uuid"})", 1, std::nullopt},
+      {kCoins, R"({})", 1, std::nullopt},
+      {kCoins, "", 1, std::nullopt},
+      {kPro, R"({"appAccountToken":"00000000-0000-4000-8000-00000000000A"})", 1,
+       "00000000-0000-4000-8000-00000000000A"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.productId + " " + row.options);
+    const std::string payload = row.options.empty() ? buy(row.productId)
+                                                    : R"({"productId":")" + row.productId +
+                                                          R"(","options":)" + row.options + "}";
+    const auto data = success("Purchase", payload);
+    if (data.is_null()) continue;
+    const auto& record = data.at("transaction").as_object();
+    expectRecordOf(*store, record);
+    EXPECT_EQ(record.at("quantity"), row.quantity);
+    EXPECT_EQ(record.if_contains("appAccountToken") != nullptr, row.token.has_value());
+    if (row.token) EXPECT_EQ(record.at("appAccountToken"), json::value(*row.token));
+    // 0.99 a coin; a subscription starts with its free trial.
+    EXPECT_EQ(record.at("price"),
+              json::value(row.productId == kCoins ? thousandthsText(990 * row.quantity) : "0"));
+    // Finishing is the caller's business.
+    EXPECT_FALSE(storedTransaction(*store, record.at("id").to_number<std::uint64_t>()).finished);
+  }
+}
+
+TEST_F(ServiceTest, PurchasesThatDoNotCompleteAnswerTheirOwnOutcomes) {
+  EXPECT_EQ(call("Purchase", buy("com.vorntesk.nope")),
+            R"({"error":{"code":"NOT_FOUND","message":"No product found for the requested id."}})");
+  store->setNextPurchaseResult(storekit::LocalStore::NextPurchaseResult::userCancelled);
+  EXPECT_EQ(call("Purchase", buy(kCoins)), kUserCanceled);
+  store->setSimulatedError(StoreKitAPI::purchase, StoreKitError::userCancelled());
+  EXPECT_EQ(call("Purchase", buy(kCoins)), kUserCanceled);
+  store->setSimulatedError(StoreKitAPI::purchase, std::nullopt);
+  store->setNextPurchaseResult(storekit::LocalStore::NextPurchaseResult::unrecognized);
+  EXPECT_EQ(call("Purchase", buy(kCoins)),
+            R"({"error":{"code":"UNKNOWN","message":"Unrecognized StoreKit purchase result."}})");
+  store->setAskToBuyEnabled(true);
+  EXPECT_EQ(call("Purchase", buy(kCoins)), kPending);
+  // Only the request waiting for approval is in the history.
+  const auto history = store->allTransactions();
+  ASSERT_EQ(history.size(), 1u);
+  EXPECT_TRUE(history[0].pendingAskToBuyConfirmation);
+}
+
+TEST_F(ServiceTest, ListingsIncludeUnverifiedTransactionsAndFinishSearchesTheWholeHistory) {
+  const auto coins = purchase(kCoins);
+  const auto removeAds = purchase(kRemoveAds);
+  const auto pro = purchase(kPro);
+  store->setVerificationFailure(
+      removeAds,
+      storekit::VerificationError(storekit::VerificationError::Code::revokedCertificate));
+
+  EXPECT_EQ(call("FinishTransaction", R"({"transactionId":)" + std::to_string(removeAds) + "}"),
+            kSuccess);
+  EXPECT_TRUE(storedTransaction(*store, removeAds).finished);
+  // Finished already, and still found: the search runs over every transaction.
+  EXPECT_EQ(call("FinishTransaction", R"({"transactionId":)" + std::to_string(removeAds) + "}"),
+            kSuccess);
+  EXPECT_EQ(call("FinishTransaction", R"({"transactionId":987654321})"),
+            R"({"outcome":{"code":"transaction_not_found","data":{}}})");
+
+  EXPECT_EQ(listed("GetCurrentEntitlements"), (std::vector<std::uint64_t>{removeAds, pro}));
+  EXPECT_EQ(listed("GetAllTransactions"), (std::vector<std::uint64_t>{coins, removeAds, pro}));
+  EXPECT_EQ(listed("GetUnfinishedTransactions"), (std::vector<std::uint64_t>{coins, pro}));
+  for (const char* method : {"GetCurrentEntitlements", "GetAllTransactions"}) {
+    SCOPED_TRACE(method);
+    const auto data = success(method);
+    if (data.is_null()) continue;
+    for (const auto& record : data.at("transactions").as_array()) {
+      const bool revoked = record.at("id").to_number<std::uint64_t>() == removeAds;
+      expectRecordOf(*store, record, {revoked ? 2 : 1, revoked ? 2 : 0});
+    }
+  }
+  store->clearTransactions();
+  EXPECT_EQ(call("GetAllTransactions"), R"({"success":{"transactions":[]}})");
+}
+
+TEST_F(ServiceTest, SyncAndStorefrontAnswerWhatTheStoreSays) {
+  EXPECT_EQ(call("Sync"), kSuccess);
+  store->setSimulatedError(StoreKitAPI::appStoreSync, StoreKitError::userCancelled());
+  EXPECT_EQ(call("Sync"), kUserCanceled);
+  store->setSimulatedError(StoreKitAPI::appStoreSync, StoreKitError::unknown());
+  EXPECT_EQ(call("Sync"),
+            R"({"error":{"code":"UNKNOWN","message":)"
+            R"("An unrecognized StoreKit error occurred.","externalCode":"StoreKitError"}})");
+
+  EXPECT_EQ(call("GetStorefront"), R"({"success":{"countryCode":"USA","identifier":"143441"}})");
+  store->setStorefront("DEU");
+  EXPECT_EQ(call("GetStorefront"), R"({"success":{"countryCode":"DEU","identifier":"143443"}})");
+  store->setStorefrontAvailable(false);
+  EXPECT_EQ(
+      call("GetStorefront"),
+      R"({"error":{"code":"UNAVAILABLE","message":"The current storefront is unavailable."}})");
+}
+
+TEST_F(ServiceTest, TheObserverStartsOnceAndStopsHarmlessly) {
+  EXPECT_EQ(call("StopTransactionObserver"), kSuccess);
+  EXPECT_EQ(call("StartTransactionObserver"), kSuccess);
+  EXPECT_EQ(call("StartTransactionObserver"),
+            R"({"outcome":{"code":"already_started","data":{}}})");
+  EXPECT_EQ(call("StopTransactionObserver"), kSuccess);
+  EXPECT_EQ(call("StopTransactionObserver"), kSuccess);
+}
+
+TEST_F(ServiceTest, ChangesMadeOutsideTheAppArriveAsUpdateEvents) {
+  EventLog events;
+  ASSERT_EQ(call("StartTransactionObserver"), kSuccess);
+  auto idOf = [](const EventLog::Event& event) {
+    return json::parse(event.payload).at("id").to_number<std::uint64_t>();
+  };
+
+  store->setAskToBuyEnabled(true);
+  ASSERT_EQ(call("Purchase", buy(kCoins)), kPending);
+  store->setAskToBuyEnabled(false);
+  const auto asked = store->allTransactions().at(0).identifier;
+  store->approveAskToBuyTransaction(asked);
+  auto got = events.waitFor(1);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].name, "AppleStoreKitService.OnTransactionUpdate");
+  EXPECT_EQ(idOf(got[0]), asked);
+  expectRecordOf(*store, json::parse(got[0].payload));
+
+  const auto outside = store->buyProduct(kRemoveAds).id();
+  got = events.waitFor(2);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(idOf(got[1]), outside);
+  expectRecordOf(*store, json::parse(got[1].payload));
+
+  // The app's own purchase is answered, not announced; its renewal is announced.
+  const auto trial = purchase(kPro);
+  store->advanceTime(std::chrono::milliseconds(std::chrono::hours(24 * 8)));
+  got = events.waitFor(3);
+  ASSERT_EQ(got.size(), 3u);
+  const auto renewal = json::parse(got[2].payload);
+  EXPECT_EQ(renewal.at("originalId"), trial);
+  EXPECT_EQ(renewal.at("transactionReason"), 2);
+  expectRecordOf(*store, renewal);
+
+  store->refundTransaction(outside, storekit::Transaction::RevocationReason::developerIssue());
+  got = events.waitFor(4);
+  ASSERT_EQ(got.size(), 4u);
+  const auto refund = json::parse(got[3].payload);
+  EXPECT_EQ(refund.at("id"), outside);
+  EXPECT_EQ(refund.at("revocationReason"), 1);
+  expectRecordOf(*store, refund);
+}
+
+TEST_F(ServiceTest, ARegistrationAnewLeavesTheEarlierObserverRunning) {
+  EventLog events;
+  auto& dispatcher = vorn::tesk::TeskBridgeDispatcher::shared();
+  ASSERT_EQ(call("StartTransactionObserver"), kSuccess);
+  const auto* earlier = dispatcher.plugin("AppleStoreKitService").get();
+  Vorn_Tesk_AppleStoreKitService_Register();
+  EXPECT_NE(dispatcher.plugin("AppleStoreKitService").get(), earlier);
+  // The new plug-in's adapter has its own, stopped, observer.
+  EXPECT_EQ(call("StartTransactionObserver"), kSuccess);
+  EXPECT_EQ(call("StopTransactionObserver"), kSuccess);
+  // Nothing stopped the earlier one.
+  const auto outside = store->buyProduct(kCoins).id();
+  const auto got = events.waitFor(1);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(json::parse(got[0].payload).at("id"), outside);
+}
+
+}  // namespace

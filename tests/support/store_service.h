@@ -1,0 +1,240 @@
+// The whole service as a host sees it: a fresh simulated store loaded from the sample
+// configuration, the plug-in registered through the exported function, calls answered
+// through a dispatcher, update events collected, and the record a transaction should give,
+// worked out from the payload the store signed (not from the service's own output).
+#pragma once
+
+#include "bridge/register_service.h"
+#include "host/tesk_bridge_dispatcher.h"
+#include "platform/system_version.h"
+#include "storekit/local_store.h"
+
+#include <gtest/gtest.h>
+#include <boost/json.hpp>
+
+#include <chrono>
+#include <condition_variable>
+#include <ctime>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+namespace json = boost::json;
+
+inline const std::string kSampleStore = VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit";
+inline const std::string kCoins = "com.vorntesk.sample.coins100";
+inline const std::string kRemoveAds = "com.vorntesk.sample.removeads";
+inline const std::string kPro = "com.vorntesk.sample.pro.monthly";
+inline const std::string kBasic = "com.vorntesk.sample.basic.monthly";
+
+// One call through `dispatcher`, waited for generously; "<no answer>" if none comes.
+inline std::string callService(vorn::tesk::TeskBridgeDispatcher& dispatcher,
+                               const std::string& method, const std::string& payload = "{}") {
+  auto answer = std::make_shared<std::promise<std::string>>();
+  auto future = answer->get_future();
+  dispatcher.callAsync("AppleStoreKitService", method, payload,
+                       [answer](std::string envelope) { answer->set_value(std::move(envelope)); });
+  if (future.wait_for(std::chrono::seconds(60)) != std::future_status::ready) return "<no answer>";
+  return future.get();
+}
+
+// The update events a dispatcher delivers, kept in arrival order.
+class EventLog {
+ public:
+  explicit EventLog(
+      vorn::tesk::TeskBridgeDispatcher& dispatcher = vorn::tesk::TeskBridgeDispatcher::shared())
+      : dispatcher_(dispatcher), state_(std::make_shared<State>()) {
+    token_ = dispatcher_.addEventListener(
+        [state = state_](const std::string& name, const std::string& payload) {
+          std::lock_guard lock(state->mutex);
+          state->events.push_back({name, payload});
+          state->changed.notify_all();
+        });
+  }
+  ~EventLog() { dispatcher_.removeEventListener(token_); }
+
+  struct Event {
+    std::string name;
+    std::string payload;
+  };
+  // Waits (generously) for `count` events; returns all that arrived.
+  std::vector<Event> waitFor(std::size_t count) const {
+    std::unique_lock lock(state_->mutex);
+    state_->changed.wait_for(lock, std::chrono::seconds(60),
+                             [&] { return state_->events.size() >= count; });
+    return state_->events;
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Event> events;
+  };
+  vorn::tesk::TeskBridgeDispatcher& dispatcher_;
+  std::shared_ptr<State> state_;
+  vorn::tesk::TeskBridgeDispatcher::ListenerToken token_ = 0;
+};
+
+inline std::string rfc3339(std::int64_t milliseconds) {
+  const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[40];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
+                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                static_cast<int>(milliseconds % 1000));
+  return text;
+}
+
+inline std::string upper(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// Thousandths of a currency unit as plain decimal text: 990 -> "0.99", 19990 -> "19.99".
+inline std::string thousandthsText(std::int64_t value) {
+  std::string text = std::to_string(value / 1000);
+  std::string fraction = std::to_string(1000 + value % 1000).substr(1);
+  while (!fraction.empty() && fraction.back() == '0') fraction.pop_back();
+  return fraction.empty() ? text : text + "." + fraction;
+}
+
+struct RecordExpectation {
+  int verificationStatus = 1;
+  int verificationError = 0;
+  bool withAppTransactionId = true;  // 18.4 and later
+};
+
+// The AppleTransaction a transaction should give, key by key in the record's order, derived
+// from the App Store payload the store signed for it.
+inline json::object expectedRecord(const storekit::TestTransaction& stored,
+                                   RecordExpectation expectation = {}) {
+  const json::object& p = stored.transaction->payload();
+  auto text = [&](const char* key) { return std::string(p.at(key).as_string()); };
+  auto has = [&](const char* key) { return p.contains(key) && !p.at(key).is_null(); };
+  auto code = [](const std::string& value, std::vector<std::string> names) {
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      if (names[i] == value) return static_cast<std::int64_t>(i + 1);
+    }
+    return std::int64_t{0};
+  };
+  json::object r;
+  r["id"] = std::stoull(text("transactionId"));
+  r["originalId"] = std::stoull(text("originalTransactionId"));
+  r["productId"] = text("productId");
+  r["productType"] = code(
+      text("type"),
+      {"Consumable", "Non-Consumable", "Auto-Renewable Subscription", "Non-Renewing Subscription"});
+  r["purchaseDate"] = rfc3339(p.at("purchaseDate").as_int64());
+  r["originalPurchaseDate"] = rfc3339(p.at("originalPurchaseDate").as_int64());
+  if (has("expiresDate")) r["expirationDate"] = rfc3339(p.at("expiresDate").as_int64());
+  if (has("revocationDate")) r["revocationDate"] = rfc3339(p.at("revocationDate").as_int64());
+  // The payload's 0 is "other" (2 in the record), 1 "developer issue" (1).
+  r["revocationReason"] = !has("revocationReason")                   ? 0
+                          : p.at("revocationReason").as_int64() == 1 ? 1
+                          : p.at("revocationReason").as_int64() == 0 ? 2
+                                                                     : 0;
+  if (has("webOrderLineItemId")) r["webOrderLineItemId"] = text("webOrderLineItemId");
+  if (has("subscriptionGroupIdentifier")) {
+    r["subscriptionGroupId"] = text("subscriptionGroupIdentifier");
+  }
+  if (has("appAccountToken")) r["appAccountToken"] = upper(text("appAccountToken"));
+  r["quantity"] = has("quantity") ? p.at("quantity").as_int64() : 1;
+  r["transactionReason"] = code(text("transactionReason"), {"PURCHASE", "RENEWAL"});
+  r["signedDate"] = rfc3339(p.at("signedDate").as_int64());
+  r["environment"] = code(text("environment"), {"Production", "Sandbox", "Xcode"});
+  r["ownershipType"] = code(text("inAppOwnershipType"), {"PURCHASED", "FAMILY_SHARED"});
+  r["jwsRepresentation"] = stored.jwsRepresentation;
+  r["verificationStatus"] = expectation.verificationStatus;
+  r["verificationError"] = expectation.verificationError;
+  r["bundleId"] = text("bundleId");
+  r["appBundleId"] = text("bundleId");
+  r["isUpgraded"] = has("isUpgraded") && p.at("isUpgraded").as_bool();
+  r["offerType"] = has("offerType") ? p.at("offerType").as_int64() : 0;
+  if (has("offerIdentifier")) r["offerId"] = text("offerIdentifier");
+  if (has("offerDiscountType")) {
+    r["offerPaymentModeStringRepresentation"] = text("offerDiscountType");
+  }
+  if (has("offerPeriod")) r["offerPeriod"] = text("offerPeriod");
+  if (has("price")) r["price"] = thousandthsText(p.at("price").as_int64());
+  if (has("currency")) r["currency"] = text("currency");
+  r["storefrontCountryCode"] = text("storefront");
+  r["deviceVerification"] = text("deviceVerification");
+  r["deviceVerificationNonce"] = upper(text("deviceVerificationNonce"));
+  if (expectation.withAppTransactionId) r["appTransactionId"] = text("appTransactionId");
+  return r;
+}
+
+// The store's own entry for transaction `id`.
+inline storekit::TestTransaction storedTransaction(storekit::LocalStore& store, std::uint64_t id) {
+  for (auto& entry : store.allTransactions()) {
+    if (entry.identifier == id && entry.transaction) return entry;
+  }
+  ADD_FAILURE() << "the store has no purchased transaction " << id;
+  return {};
+}
+
+// Checks a record (as JSON) field by field, in order, against what the store signed.
+inline void expectRecordOf(storekit::LocalStore& store, const json::value& record,
+                           RecordExpectation expectation = {}) {
+  const auto id = record.as_object().at("id").to_number<std::uint64_t>();
+  const auto stored = storedTransaction(store, id);
+  if (!stored.transaction) return;
+  EXPECT_EQ(json::serialize(record), json::serialize(expectedRecord(stored, expectation)));
+}
+
+// A fresh store from the sample configuration installed as the process's store, and the
+// service registered anew (a new adapter with a stopped observer) for every test.
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    platform::SystemVersion::set(platform::SystemVersion::kDefault);
+    store = storekit::LocalStore::createFromFile(kSampleStore);
+    previous_ = storekit::LocalStore::setShared(store);
+    VornTeskPaymentsAddonApple::Vorn_Tesk_AppleStoreKitService_Register();
+  }
+  void TearDown() override {
+    call("StopTransactionObserver");
+    vorn::tesk::TeskBridgeDispatcher::shared().removeAllPlugins();
+    storekit::LocalStore::setShared(previous_);
+    platform::SystemVersion::set(platform::SystemVersion::kDefault);
+  }
+
+  std::string call(const std::string& method, const std::string& payload = "{}") {
+    return callService(vorn::tesk::TeskBridgeDispatcher::shared(), method, payload);
+  }
+  // The success answer's data, parsed; null (and a failure) for any other answer.
+  json::value success(const std::string& method, const std::string& payload = "{}") {
+    const auto envelope = call(method, payload);
+    const auto parsed = json::parse(envelope);
+    if (const auto* data = parsed.as_object().if_contains("success")) return *data;
+    ADD_FAILURE() << method << " answered " << envelope;
+    return nullptr;
+  }
+  std::uint64_t purchase(const std::string& productId) {
+    const auto data = success("Purchase", R"({"productId":")" + productId + R"("})");
+    return data.is_null() ? 0 : data.at("transaction").at("id").to_number<std::uint64_t>();
+  }
+  // The ids of one listing, in the order answered.
+  std::vector<std::uint64_t> listed(const std::string& method) {
+    std::vector<std::uint64_t> ids;
+    const auto data = success(method);
+    if (data.is_null()) return ids;
+    for (const auto& record : data.at("transactions").as_array()) {
+      ids.push_back(record.at("id").to_number<std::uint64_t>());
+    }
+    return ids;
+  }
+
+  std::shared_ptr<storekit::LocalStore> store;
+
+ private:
+  std::shared_ptr<storekit::LocalStore> previous_;
+};
+
+}  // namespace testsupport
