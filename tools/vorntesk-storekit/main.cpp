@@ -118,6 +118,9 @@ int main(int argc, char** argv) {
   }
 
   std::ios::sync_with_stdio(false);
+  // Reading stdin must not flush stdout behind the writer's lock: answers are written from
+  // other threads while the next line is being read.
+  std::cin.tie(nullptr);
   vorntesk_storekit::LineWriter writer(std::cout);
   vorntesk_storekit::HostDriver driver(writer, output);
   Vorn_Tesk_AppleStoreKitService_Register();
