@@ -30,7 +30,12 @@ std::string SubscriptionPeriod::isoString() const {
     case Unit::month: letter = "M"; break;
     case Unit::year: letter = "Y"; break;
   }
-  return "P" + std::to_string(value) + letter;
+  // Appended piece by piece: g++ 12 at -O3 mistakes `"P" + std::to_string(...)` for an
+  // overlapping copy (-Wrestrict), which fails the release build.
+  std::string text = "P";
+  text += std::to_string(value);
+  text += letter;
+  return text;
 }
 
 std::int64_t SubscriptionPeriod::approximateDays() const {
