@@ -173,7 +173,9 @@ struct LocalStore::Entry {
 struct LocalStore::UpdateQueue {
   std::mutex mutex;
   std::condition_variable_any ready;
+  std::condition_variable_any settled;  // the consumer came back for more
   std::deque<Entry> items;
+  bool consumerWaiting = false;  // the consumer is inside next(), done with what it had
 };
 
 struct LocalStore::State {
@@ -572,7 +574,11 @@ class LocalStore::UpdatesSource : public TransactionSequence::Source {
     Entry entry;
     {
       std::unique_lock lock(queue_->mutex);
-      if (!queue_->ready.wait(lock, stop, [&] { return !queue_->items.empty(); })) return std::nullopt;
+      queue_->consumerWaiting = true;
+      queue_->settled.notify_all();
+      const bool got = queue_->ready.wait(lock, stop, [&] { return !queue_->items.empty(); });
+      queue_->consumerWaiting = false;
+      if (!got) return std::nullopt;
       entry = std::move(queue_->items.front());
       queue_->items.pop_front();
     }
@@ -732,6 +738,33 @@ TransactionSequence LocalStore::updates() {
   state_->subscribers.push_back(queue);
   return TransactionSequence(std::make_shared<UpdatesSource>(
       shared_from_this(), std::move(queue)));
+}
+
+bool LocalStore::waitUntilUpdatesDelivered(std::chrono::milliseconds timeout,
+                                           std::size_t minimumListeners) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::vector<std::shared_ptr<UpdateQueue>> queues;
+  for (;;) {
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& weak : state_->subscribers) {
+        if (auto queue = weak.lock()) queues.push_back(std::move(queue));
+      }
+    }
+    if (queues.size() >= minimumListeners) break;
+    // A listener that is about to subscribe gives no signal; look again shortly.
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    queues.clear();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  bool delivered = true;
+  for (const auto& queue : queues) {
+    std::unique_lock lock(queue->mutex);
+    delivered = queue->settled.wait_until(lock, deadline, [&] {
+      return queue->items.empty() && queue->consumerWaiting;
+    }) && delivered;
+  }
+  return delivered;
 }
 
 TransactionSequence LocalStore::all() { return snapshot(0); }

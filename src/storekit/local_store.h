@@ -109,6 +109,13 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   TransactionSequence currentEntitlements();
   TransactionSequence unfinished();
 
+  // Waits until every live `updates` sequence has handed out all it holds and its consumer
+  // has come back for more (so whatever it did with the last element is done), after first
+  // waiting for at least `minimumListeners` sequences to exist. False when `timeout` passes
+  // first, for instance because a sequence is not being read at all.
+  bool waitUntilUpdatesDelivered(std::chrono::milliseconds timeout,
+                                 std::size_t minimumListeners = 0);
+
   // Checks a signed transaction as the device would. Throws VerificationError
   // (invalidEncoding) only when no transaction can be read from it at all.
   VerificationResult<Transaction> verifyTransaction(std::string_view jws);

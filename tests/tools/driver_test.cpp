@@ -193,6 +193,10 @@ TEST(HostDriver, EventsCarryTheTransactionRecordVerbatim) {
   EXPECT_EQ(record.at("productId").as_string(), "com.vorntesk.sample.removeads");
   // The unfinished listing holds the same record; the event carries it byte for byte.
   EXPECT_NE(listing.find(payload), std::string::npos) << listing;
+  // The event a line causes is written before the next line is answered (it may come
+  // before or after the answer of the line that caused it).
+  ASSERT_EQ(run.lines.size(), 4U);
+  EXPECT_EQ(run.lines[3], listing);
 }
 
 TEST(HostDriver, OptionsChooseTheSystemVersionAndTheConfiguration) {

@@ -3,19 +3,20 @@
 #include "bridge/apple_store_kit_service_plugin.h"
 #include "host/tesk_bridge_dispatcher.h"
 #include "platform/json.h"
+#include "storekit/local_store.h"
 #include "store_controls.h"
 
 #include <boost/json/serialize.hpp>
 
 #include <chrono>
 #include <exception>
-#include <thread>
 
 namespace vorntesk_storekit {
 
 namespace {
 
 constexpr std::string_view kService = "AppleStoreKitService";
+constexpr std::string_view kStartedEnvelope = R"({"success":{}})";
 
 std::string quoted(std::string_view text) { return boost::json::serialize(boost::json::string(text)); }
 
@@ -77,11 +78,18 @@ void HostDriver::run(std::istream& in) {
   std::string line;
   while (std::getline(in, line)) {
     handleLine(line);
-    // Updates reach the observer on their own task; a moment's pause lets the events a line
-    // caused print under it, so a person can follow cause and effect.
-    if (output_ == Output::transcript) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    settleEvents(std::exchange(observerJustStarted_, false) ? 1 : 0);
   }
   waitForDetachedCalls();
+  settleEvents(0);
+}
+
+void HostDriver::settleEvents(std::size_t minimumListeners) {
+  // Updates reach the observer on its own task. Waiting until the store has delivered them
+  // puts the events a line caused right under it, and none is lost at the end of input.
+  // A freshly started observer subscribes from its task, so it is waited for first.
+  storekit::LocalStore::shared()->waitUntilUpdatesDelivered(std::chrono::seconds(2),
+                                                            minimumListeners);
 }
 
 void HostDriver::waitForDetachedCalls() {
@@ -119,7 +127,7 @@ void HostDriver::handleLine(std::string_view text) {
       }
       const bool detach = detachValue != nullptr && detachValue->get_bool();
       std::string payload = payloadOf(line);
-      auto answered = std::make_shared<bool>(false);
+      auto answered = std::make_shared<std::string>();
       {
         std::lock_guard lock(mutex_);
         ++callsInFlight_;
@@ -129,12 +137,14 @@ void HostDriver::handleLine(std::string_view text) {
                                emit("  answer ", R"({"id":)" + id + R"(,"envelope":)" + envelope + "}");
                                std::lock_guard lock(mutex_);
                                --callsInFlight_;
-                               *answered = true;
+                               *answered = std::move(envelope);
                                callsChanged_.notify_all();
                              });
       if (!detach) {
         std::unique_lock lock(mutex_);
-        callsChanged_.wait(lock, [&] { return *answered; });
+        callsChanged_.wait(lock, [&] { return !answered->empty(); });
+        observerJustStarted_ = method->get_string() == "StartTransactionObserver" &&
+                               *answered == kStartedEnvelope;
       }
       return;
     }

@@ -5,8 +5,8 @@
 //   out  {"id":ID,"envelope":ENVELOPE}  {"id":ID,"ok":true,...}  {"id":ID,"error":MESSAGE}
 //        {"event":NAME,"payload":PAYLOAD}
 // Envelopes and event payloads are inserted verbatim. A call waits for its answer before
-// the next line is read unless it is detached; at the end of input the driver waits for
-// the detached calls. Lines are read on one thread; answers and events are written from any
+// the next line is read unless it is detached; the events a line causes are written before
+// the next line is read; at the end of input the driver waits for the detached calls. Lines are read on one thread; answers and events are written from any
 // thread through one LineWriter.
 #pragma once
 
@@ -39,6 +39,7 @@ class HostDriver {
   void waitForDetachedCalls();
 
  private:
+  void settleEvents(std::size_t minimumListeners);
   void writeError(const std::string& id, std::string_view message);
   // Every line out goes through here; `marker` says what it is for the transcript.
   void emit(std::string_view marker, const std::string& line);
@@ -49,6 +50,7 @@ class HostDriver {
   std::mutex mutex_;
   std::condition_variable callsChanged_;
   std::size_t callsInFlight_ = 0;
+  bool observerJustStarted_ = false;  // reading thread only
 };
 
 }  // namespace vorntesk_storekit
