@@ -10,10 +10,11 @@ namespace VornTeskPaymentsAddonApple {
 
 namespace {
 
+// Never destroyed: a loop may still be logging while the process exits.
 const platform::Logger& observerLogger() {
-  static const platform::Logger logger("com.qubrixplatform.vorntesk.payments.addon.apple",
-                                       "TransactionObserver");
-  return logger;
+  static const auto* logger = new platform::Logger(
+      "com.qubrixplatform.vorntesk.payments.addon.apple", "TransactionObserver");
+  return *logger;
 }
 
 void emit(const storekit::VerificationResult<storekit::Transaction>& update) {

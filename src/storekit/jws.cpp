@@ -153,8 +153,9 @@ struct SigningAuthority::Keys {
 SigningAuthority::~SigningAuthority() = default;
 
 std::shared_ptr<const SigningAuthority> SigningAuthority::shared() {
-  static const std::shared_ptr<const SigningAuthority> authority = generate();
-  return authority;
+  // Never destroyed: stores made while the process exits still need it.
+  static const auto* authority = new std::shared_ptr<const SigningAuthority>(generate());
+  return *authority;
 }
 
 std::shared_ptr<const SigningAuthority> SigningAuthority::generate() {

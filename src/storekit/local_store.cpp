@@ -593,29 +593,36 @@ class LocalStore::UpdatesSource : public TransactionSequence::Source {
 // --- The process's store -------------------------------------------------------------------
 
 namespace {
-std::mutex sharedMutex;
-std::shared_ptr<LocalStore> sharedStore;
+// Never destroyed: tasks still running while the process exits may ask for the store.
+std::mutex& sharedMutex() {
+  static auto* mutex = new std::mutex;
+  return *mutex;
+}
+std::shared_ptr<LocalStore>& sharedStore() {
+  static auto* store = new std::shared_ptr<LocalStore>;
+  return *store;
+}
 }  // namespace
 
 std::shared_ptr<LocalStore> LocalStore::shared() {
-  std::lock_guard lock(sharedMutex);
-  if (!sharedStore) {
+  std::lock_guard lock(sharedMutex());
+  if (!sharedStore()) {
     const char* path = std::getenv("VORNTESK_STOREKIT_CONFIG");
     if (path && *path) {
       try {
-        sharedStore = createFromFile(path);
+        sharedStore() = createFromFile(path);
       } catch (const ConfigurationError& error) {
         std::fprintf(stderr, "StoreKit: configuration refused: %s\n", error.what());
       }
     }
-    if (!sharedStore) sharedStore = create();
+    if (!sharedStore()) sharedStore() = create();
   }
-  return sharedStore;
+  return sharedStore();
 }
 
 std::shared_ptr<LocalStore> LocalStore::setShared(std::shared_ptr<LocalStore> store) {
-  std::lock_guard lock(sharedMutex);
-  std::swap(store, sharedStore);
+  std::lock_guard lock(sharedMutex());
+  std::swap(store, sharedStore());
   return store;
 }
 

@@ -8,7 +8,8 @@ namespace storekit {
 
 const std::vector<Storefront>& knownStorefronts() {
   // The largest App Store markets first, then others that configuration files often pick.
-  static const std::vector<Storefront> table = {
+  // Never destroyed: the store's threads may still look storefronts up while the process exits.
+  static const auto& table = *new std::vector<Storefront>{
       {"USA", "143441", "USD"}, {"CHN", "143465", "CNY"}, {"JPN", "143462", "JPY"},
       {"GBR", "143444", "GBP"}, {"KOR", "143466", "KRW"}, {"DEU", "143443", "EUR"},
       {"FRA", "143442", "EUR"}, {"CAN", "143455", "CAD"}, {"AUS", "143460", "AUD"},
