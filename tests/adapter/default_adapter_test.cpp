@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <latch>
 #include <stdexcept>
 #include <thread>
@@ -133,11 +132,11 @@ TEST(RunBlocking, EachCallerWaitsForItsOwnOperationRunningElsewhere) {
       return value;
     };
   };
-  auto other = std::async(std::launch::async, [&] {
-    return VornTeskPaymentsAddonApple::runBlocking<int>(operation(1));
-  });
+  int other = 0;
+  std::thread caller([&] { other = VornTeskPaymentsAddonApple::runBlocking<int>(operation(1)); });
   EXPECT_EQ(VornTeskPaymentsAddonApple::runBlocking<int>(operation(2)), 2);
-  EXPECT_EQ(other.get(), 1);
+  caller.join();
+  EXPECT_EQ(other, 1);
 }
 
 }  // namespace

@@ -82,7 +82,9 @@ TEST_F(ServiceTest, APurchaseAnswersTheWholeTransactionWithQuantityAndTokenAsThe
     expectRecordOf(*store, record);
     EXPECT_EQ(record.at("quantity"), row.quantity);
     EXPECT_EQ(record.if_contains("appAccountToken") != nullptr, row.token.has_value());
-    if (row.token) EXPECT_EQ(record.at("appAccountToken"), json::value(*row.token));
+    if (row.token) {
+      EXPECT_EQ(record.at("appAccountToken"), json::value(*row.token));
+    }
     // 0.99 a coin; a subscription starts with its free trial.
     EXPECT_EQ(record.at("price"),
               json::value(row.productId == kCoins ? thousandthsText(990 * row.quantity) : "0"));

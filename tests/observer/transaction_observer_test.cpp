@@ -112,23 +112,22 @@ TEST_F(ObserverTest, ARecordThatCannotBeWrittenIsDroppedWithOneErrorLine) {
 
 TEST_F(ObserverTest, TheEndOfAnOldLoopStopsTheLoopStartedAfterIt) {
   // The first event holds its loop inside the listener until released.
-  std::promise<void> entered;
-  std::promise<void> release;
-  auto released = release.get_future().share();
-  std::atomic<bool> first{true};
+  auto entered = std::make_shared<Gate>();
+  auto release = std::make_shared<Gate>();
+  auto first = std::make_shared<std::atomic<bool>>(true);
   auto& dispatcher = vorn::tesk::TeskBridgeDispatcher::shared();
-  const auto token = dispatcher.addEventListener([&, released](const auto&, const auto&) {
-    if (!first.exchange(false)) return;
-    entered.set_value();
-    released.wait();
+  const auto token = dispatcher.addEventListener([=](const auto&, const auto&) {
+    if (!first->exchange(false)) return;
+    entered->open();
+    release->wait();
   });
   ASSERT_TRUE(observer->start());
   store->buyProduct(kCoins);
-  ASSERT_EQ(entered.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  ASSERT_TRUE(entered->wait());
   observer->stop();
   ASSERT_TRUE(observer->start());
   EXPECT_TRUE(observer->isRunning());
-  release.set_value();
+  release->open();
   // The old loop sees its sequence end and stops whatever loop is current: the new one.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (observer->isRunning() && std::chrono::steady_clock::now() < deadline) {

@@ -15,7 +15,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,15 +30,38 @@ inline const std::string kRemoveAds = "com.vorntesk.sample.removeads";
 inline const std::string kPro = "com.vorntesk.sample.pro.monthly";
 inline const std::string kBasic = "com.vorntesk.sample.basic.monthly";
 
+// A one-shot signal between threads; waits are generous and never a timing check.
+class Gate {
+ public:
+  void open() {
+    std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  bool wait() {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool open_ = false;
+};
+
 // One call through `dispatcher`, waited for generously; "<no answer>" if none comes.
 inline std::string callService(vorn::tesk::TeskBridgeDispatcher& dispatcher,
                                const std::string& method, const std::string& payload = "{}") {
-  auto answer = std::make_shared<std::promise<std::string>>();
-  auto future = answer->get_future();
-  dispatcher.callAsync("AppleStoreKitService", method, payload,
-                       [answer](std::string envelope) { answer->set_value(std::move(envelope)); });
-  if (future.wait_for(std::chrono::seconds(60)) != std::future_status::ready) return "<no answer>";
-  return future.get();
+  struct Answer {
+    Gate arrived;
+    std::string envelope;
+  };
+  auto answer = std::make_shared<Answer>();
+  dispatcher.callAsync("AppleStoreKitService", method, payload, [answer](std::string envelope) {
+    answer->envelope = std::move(envelope);
+    answer->arrived.open();
+  });
+  return answer->arrived.wait() ? answer->envelope : "<no answer>";
 }
 
 // The update events a dispatcher delivers, kept in arrival order.
@@ -84,7 +106,7 @@ inline std::string rfc3339(std::int64_t milliseconds) {
   const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
   std::tm utc{};
   gmtime_r(&seconds, &utc);
-  char text[40];
+  char text[96];
   std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
                 utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
                 static_cast<int>(milliseconds % 1000));
