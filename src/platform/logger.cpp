@@ -9,8 +9,15 @@ namespace platform {
 
 namespace {
 
-std::mutex sinkMutex;
-std::shared_ptr<const Logger::Sink> currentSink;
+// Never destroyed: tasks may still log while the process exits.
+struct SinkSlot {
+  std::mutex mutex;
+  std::shared_ptr<const Logger::Sink> sink;
+};
+SinkSlot& sinkSlot() {
+  static auto* slot = new SinkSlot();
+  return *slot;
+}
 
 int syslogPriority(LogLevel level) {
   switch (level) {
@@ -33,17 +40,19 @@ void Logger::log(LogLevel level, std::string_view message) const {
            static_cast<int>(message.size()), message.data());
   std::shared_ptr<const Sink> sink;
   {
-    std::lock_guard lock(sinkMutex);
-    sink = currentSink;
+    auto& slot = sinkSlot();
+    std::lock_guard lock(slot.mutex);
+    sink = slot.sink;
   }
   if (sink && *sink) (*sink)(LogRecord{subsystem_, category_, level, std::string(message)});
 }
 
 Logger::Sink Logger::setSink(Sink sink) {
   auto replacement = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
-  std::lock_guard lock(sinkMutex);
-  Sink previous = currentSink ? *currentSink : Sink{};
-  currentSink = std::move(replacement);
+  auto& slot = sinkSlot();
+  std::lock_guard lock(slot.mutex);
+  Sink previous = slot.sink ? *slot.sink : Sink{};
+  slot.sink = std::move(replacement);
   return previous;
 }
 
