@@ -32,7 +32,10 @@ std::string failureEnvelope(const vorn::tesk::VornError& problem) {
 }
 
 std::string unknownOutcomeEnvelope(std::string_view code, std::string_view rawJson) {
-  auto data = rawJson.empty() ? std::nullopt : platform::parseJSON(rawJson);
+  // The data sits two levels down (the envelope's object, then the outcome's): deeper data
+  // would make an answer too deeply nested for any reader with the process's depth limit.
+  constexpr std::size_t kDataDepth = platform::kMaxJSONDepth - 2;
+  auto data = rawJson.empty() ? std::nullopt : platform::parseJSON(rawJson, nullptr, kDataDepth);
   if (!data) return errorEnvelope("INTERNAL", "Unknown outcome rawJson was not valid JSON");
   boost::json::object outcome;
   outcome["code"] = code;

@@ -39,7 +39,8 @@ std::string serialiseEnvelope(const boost::json::object& object);
 
 std::string errorEnvelope(std::string_view code, std::string_view message);
 std::string failureEnvelope(const vorn::tesk::VornError& problem);
-// `rawJson` may be any JSON document, top-level scalars included; anything else gives the
+// `rawJson` may be any JSON document, top-level scalars included, nested no deeper than the
+// envelope leaves room for (platform::kMaxJSONDepth - 2); anything else gives the
 // "INTERNAL" error "Unknown outcome rawJson was not valid JSON".
 std::string unknownOutcomeEnvelope(std::string_view code, std::string_view rawJson);
 

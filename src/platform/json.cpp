@@ -5,9 +5,10 @@
 
 namespace platform {
 
-std::optional<boost::json::value> parseJSON(std::string_view text, std::string* error) {
+std::optional<boost::json::value> parseJSON(std::string_view text, std::string* error,
+                                            std::size_t maxDepth) {
   boost::json::parse_options options;
-  options.max_depth = kMaxJSONDepth;
+  options.max_depth = maxDepth;
   boost::json::stream_parser parser({}, options);
   boost::system::error_code code;
   // write() refuses anything but white space after the value (error::extra_data).

@@ -15,8 +15,9 @@ namespace platform {
 // exhausting the stack when a parsed tree is destroyed.
 constexpr std::size_t kMaxJSONDepth = 256;
 
-// Parses `text` as one JSON document. On failure yields nothing and, when `error` is given,
-// stores a description such as "syntax error at offset 3".
-std::optional<boost::json::value> parseJSON(std::string_view text, std::string* error = nullptr);
+// Parses `text` as one JSON document nested at most `maxDepth` deep. On failure yields
+// nothing and, when `error` is given, stores a description such as "syntax error at offset 3".
+std::optional<boost::json::value> parseJSON(std::string_view text, std::string* error = nullptr,
+                                            std::size_t maxDepth = kMaxJSONDepth);
 
 }  // namespace platform

@@ -1,6 +1,7 @@
 // The envelope texts built from objects: unknown outcomes, error envelopes and their
 // escaping, and the fixed stand-ins when serialised text would not be valid.
 #include "bridge/envelope.h"
+#include "platform/json.h"
 
 #include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
@@ -32,6 +33,19 @@ TEST(Envelope, UnknownOutcomeCarriesAnyJSONDocumentAsData) {
   for (const std::string raw : {"", "{", "{\"a\":1", "[1,]", "1 2", "nul", "\"\xC3\x28\""}) {
     SCOPED_TRACE(raw);
     EXPECT_EQ(unknownOutcomeEnvelope("code", raw), invalid);
+  }
+}
+
+TEST(Envelope, UnknownOutcomeDataIsNoDeeperThanAnEnvelopeTheProcessCanReadBack) {
+  auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  const std::size_t deepest = platform::kMaxJSONDepth - 2;
+  const auto envelope = unknownOutcomeEnvelope("deep", nested(deepest));
+  EXPECT_EQ(envelope, R"({"outcome":{"code":"deep","data":)" + nested(deepest) + "}}");
+  EXPECT_TRUE(platform::parseJSON(envelope).has_value());
+  for (const std::size_t depth : {deepest + 1, deepest + 2, deepest + 3}) {
+    EXPECT_EQ(unknownOutcomeEnvelope("deep", nested(depth)),
+              R"({"error":{"code":"INTERNAL","message":"Unknown outcome rawJson was not valid JSON"}})")
+        << depth;
   }
 }
 
