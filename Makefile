@@ -2,13 +2,14 @@
 SHELL := /bin/bash
 PRESET ?= debug
 JOBS ?= 2
+FUZZ_SECONDS ?= 60
 
 DEB_PACKAGES := cmake ninja-build g++ pkg-config libboost-json1.81-dev libssl-dev uuid-dev \
 	libicu-dev nlohmann-json3-dev clang libclang-rt-14-dev libgtest-dev libgmock-dev \
 	libbenchmark-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: deps configure build test check-sanitizers demo clean
+.PHONY: deps configure build test check-sanitizers fuzz demo clean
 
 # Installs only the Debian packages that are missing, so a ready machine pays nothing.
 deps:
@@ -34,6 +35,11 @@ test: build
 check-sanitizers: deps
 	$(MAKE) build PRESET=asan && ctest --preset asan
 	$(MAKE) build PRESET=tsan && ctest --preset tsan
+
+# libFuzzer targets (fuzz/), built with clang under address + undefined-behaviour sanitizers
+# in build/fuzz, each run for FUZZ_SECONDS.
+fuzz: deps
+	JOBS=$(JOBS) fuzz/run.sh $(FUZZ_SECONDS)
 
 # A scripted purchase session on the bundled sample store, printed for people to follow.
 demo: configure

@@ -1,0 +1,38 @@
+// The outcome envelope of an unknown adapter result, with any code and any raw JSON. The
+// answer is always one JSON text the process's own reader accepts: the outcome carrying the
+// code and exactly the parsed data when both can travel, else the fixed "INTERNAL" errors.
+//
+// Input: the code, a line break, the raw JSON.
+#include "bridge/envelope.h"
+#include "fuzz_check.h"
+#include "platform/json.h"
+#include "platform/utf8.h"
+
+#include <boost/json/serialize.hpp>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace VornTeskPaymentsAddonApple;
+  const auto [code, rawJson] = fuzzcheck::splitFirstLine(data, size);
+  // Through the result path the plug-in takes, which must agree with the builder itself.
+  const std::string envelope = encodeResult(AppleStoreKitServiceSyncResult(Unknown{code, rawJson}));
+  FUZZ_REQUIRE(envelope == unknownOutcomeEnvelope(code, rawJson), envelope);
+
+  const auto parsed = platform::parseJSON(envelope);
+  FUZZ_REQUIRE(parsed.has_value(), envelope);
+  const auto data_ = rawJson.empty() ? std::nullopt : platform::parseJSON(rawJson);
+  if (!data_) {
+    FUZZ_REQUIRE(envelope == errorEnvelope("INTERNAL", "Unknown outcome rawJson was not valid JSON"),
+                 envelope);
+  } else if (!platform::isValidUTF8(code)) {
+    FUZZ_REQUIRE(envelope == kNonUTF8Envelope, envelope);
+  } else {
+    const auto& outcome = parsed->at("outcome");
+    FUZZ_REQUIRE(outcome.at("code").is_string() && outcome.at("code").get_string() == code, envelope);
+    // As the platform serialiser writes the parsed data (numbers in their shortest form, which
+    // may read back closer to the text than the parser's first, faster reading did).
+    const auto written = platform::parseJSON(boost::json::serialize(*data_));
+    FUZZ_REQUIRE(written && outcome.at("data") == *written, envelope + "\n  from\n  " + rawJson);
+    FUZZ_REQUIRE(parsed->get_object().size() == 1 && outcome.get_object().size() == 2, envelope);
+  }
+  return 0;
+}
