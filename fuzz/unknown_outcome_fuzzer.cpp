@@ -19,8 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   const auto parsed = platform::parseJSON(envelope);
   FUZZ_REQUIRE(parsed.has_value(), envelope);
-  const auto data_ = rawJson.empty() ? std::nullopt : platform::parseJSON(rawJson);
-  if (!data_) {
+  // The data two levels down must still be within the reader's depth limit.
+  const auto parsedData = rawJson.empty() ? std::nullopt
+                                     : platform::parseJSON(rawJson, nullptr, platform::kMaxJSONDepth - 2);
+  if (!parsedData) {
     FUZZ_REQUIRE(envelope == errorEnvelope("INTERNAL", "Unknown outcome rawJson was not valid JSON"),
                  envelope);
   } else if (!platform::isValidUTF8(code)) {
@@ -30,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_REQUIRE(outcome.at("code").is_string() && outcome.at("code").get_string() == code, envelope);
     // As the platform serialiser writes the parsed data (numbers in their shortest form, which
     // may read back closer to the text than the parser's first, faster reading did).
-    const auto written = platform::parseJSON(boost::json::serialize(*data_));
+    const auto written = platform::parseJSON(boost::json::serialize(*parsedData));
     FUZZ_REQUIRE(written && outcome.at("data") == *written, envelope + "\n  from\n  " + rawJson);
     FUZZ_REQUIRE(parsed->get_object().size() == 1 && outcome.get_object().size() == 2, envelope);
   }
