@@ -5,9 +5,35 @@
 
 #include <boost/json/serialize.hpp>
 
+#include <cmath>
+
 namespace VornTeskPaymentsAddonApple {
 
+namespace {
+
+// A number that overflowed when it was read (1e999) is held as infinity, which Boost.JSON
+// writes as the bare word Infinity: not JSON.
+bool holdsNonFiniteNumber(const boost::json::value& value) {
+  if (value.is_double()) return !std::isfinite(value.get_double());
+  if (const auto* array = value.if_array()) {
+    for (const auto& element : *array) {
+      if (holdsNonFiniteNumber(element)) return true;
+    }
+  } else if (const auto* object = value.if_object()) {
+    for (const auto& member : *object) {
+      if (holdsNonFiniteNumber(member.value())) return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 std::string serialiseEnvelope(const boost::json::object& object) {
+  // What the serialiser cannot write as JSON fails like any other serialisation error.
+  for (const auto& member : object) {
+    if (holdsNonFiniteNumber(member.value())) return std::string(kUnserialisableEnvelope);
+  }
   std::string text;
   try {
     text = boost::json::serialize(object);

@@ -34,7 +34,8 @@ inline constexpr std::string_view kNonUTF8Envelope =
     R"({"error":{"code":"INTERNAL","message":"<non-utf8>"}})";
 
 // Compact serialisation of a built object; the fixed INTERNAL texts stand in when that
-// fails or would not be UTF-8.
+// fails (a number JSON cannot carry, such as one that overflowed when read, counts as a
+// failure) or would not be UTF-8.
 std::string serialiseEnvelope(const boost::json::object& object);
 
 std::string errorEnvelope(std::string_view code, std::string_view message);

@@ -49,6 +49,14 @@ TEST(Envelope, UnknownOutcomeDataIsNoDeeperThanAnEnvelopeTheProcessCanReadBack) 
   }
 }
 
+TEST(Envelope, UnknownOutcomeDataWithANumberJSONCannotCarryIsUnserialisable) {
+  for (const std::string raw : {"1e999", "-1e400", R"([0,{"a":[2e308]}])"}) {
+    EXPECT_EQ(unknownOutcomeEnvelope("big", raw), kUnserialisableEnvelope) << raw;
+  }
+  EXPECT_EQ(unknownOutcomeEnvelope("big", "[1e308]"),
+            R"({"outcome":{"code":"big","data":[1E308]}})");
+}
+
 TEST(Envelope, ErrorEnvelopesEscapeWhatTheyAreGivenAndNeverEmitInvalidText) {
   const std::string text = errorEnvelope("IN\"TERNAL", "line\nbreak \\ tab\t \x01 \xE2\x82\xAC");
   const auto parsed = boost::json::parse(text).as_object();
