@@ -1,6 +1,7 @@
 // The outcome envelope of an unknown adapter result, with any code and any raw JSON. The
 // answer is always one JSON text the process's own reader accepts: the outcome carrying the
-// code and exactly the parsed data when both can travel, else the fixed "INTERNAL" errors.
+// code and exactly the parsed data when both can travel, else the "INTERNAL" errors (data
+// that is not JSON or too deep, a code that is not UTF-8, data that cannot be written).
 //
 // Input: the code, a line break, the raw JSON.
 #include "bridge/envelope.h"
@@ -27,6 +28,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                  envelope);
   } else if (!platform::isValidUTF8(code)) {
     FUZZ_REQUIRE(envelope == kNonUTF8Envelope, envelope);
+  } else if (!platform::parseJSON(boost::json::serialize(*parsedData))) {
+    // Data the serialiser cannot write as JSON (a number that overflowed when read).
+    FUZZ_REQUIRE(envelope == kUnserialisableEnvelope, envelope);
   } else {
     const auto& outcome = parsed->at("outcome");
     FUZZ_REQUIRE(outcome.at("code").is_string() && outcome.at("code").get_string() == code, envelope);
