@@ -26,11 +26,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!parsedData) {
     FUZZ_REQUIRE(envelope == errorEnvelope("INTERNAL", "Unknown outcome rawJson was not valid JSON"),
                  envelope);
+  } else if (!platform::parseJSON(boost::json::serialize(*parsedData))) {
+    // Data the serialiser cannot write as JSON (a number that overflowed when read); this
+    // failure comes first, before the text is checked for UTF-8.
+    FUZZ_REQUIRE(envelope == kUnserialisableEnvelope, envelope);
   } else if (!platform::isValidUTF8(code)) {
     FUZZ_REQUIRE(envelope == kNonUTF8Envelope, envelope);
-  } else if (!platform::parseJSON(boost::json::serialize(*parsedData))) {
-    // Data the serialiser cannot write as JSON (a number that overflowed when read).
-    FUZZ_REQUIRE(envelope == kUnserialisableEnvelope, envelope);
   } else {
     const auto& outcome = parsed->at("outcome");
     FUZZ_REQUIRE(outcome.at("code").is_string() && outcome.at("code").get_string() == code, envelope);
