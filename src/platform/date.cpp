@@ -10,13 +10,22 @@ namespace {
 using std::chrono::days;
 using std::chrono::milliseconds;
 
-void appendDigits(std::string& out, unsigned value, int width) {
-  std::array<char, 10> digits{};
-  for (int i = width - 1; i >= 0; --i) {
-    digits[static_cast<std::size_t>(i)] = static_cast<char>('0' + value % 10);
-    value /= 10;
+// "00" to "99", for writing two digits at a time.
+constexpr std::array<char, 200> makeDigitPairs() {
+  std::array<char, 200> pairs{};
+  for (int i = 0; i < 100; ++i) {
+    pairs[static_cast<std::size_t>(2 * i)] = static_cast<char>('0' + i / 10);
+    pairs[static_cast<std::size_t>(2 * i + 1)] = static_cast<char>('0' + i % 10);
   }
-  out.append(digits.data(), static_cast<std::size_t>(width));
+  return pairs;
+}
+constexpr auto kDigitPairs = makeDigitPairs();
+
+// Writes `value` (below 100) as two digits at `at` and returns the end.
+char* writeTwoDigits(char* at, unsigned value) {
+  at[0] = kDigitPairs[2 * value];
+  at[1] = kDigitPairs[2 * value + 1];
+  return at + 2;
 }
 
 // Reads exactly `width` digits at `pos`.
@@ -43,7 +52,7 @@ Date now() {
   return std::chrono::time_point_cast<milliseconds>(std::chrono::system_clock::now());
 }
 
-void appendRFC3339(std::string& out, Date date) {
+char* writeRFC3339(char* at, Date date) {
   const auto dayPoint = std::chrono::floor<days>(date);
   const std::chrono::year_month_day ymd{dayPoint};
   const auto sinceMidnight = date - dayPoint;
@@ -51,26 +60,31 @@ void appendRFC3339(std::string& out, Date date) {
   const int year = static_cast<int>(ymd.year());
   if (year < 0 || year > 9999) {
     // RFC 3339 has four-digit years only; out-of-range years keep their sign and digits.
-    std::array<char, 12> buffer{};
-    auto [end, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), year);
-    (void)ec;
-    out.append(buffer.data(), end);
+    at = std::to_chars(at, at + 12, year).ptr;
   } else {
-    appendDigits(out, static_cast<unsigned>(year), 4);
+    at = writeTwoDigits(at, static_cast<unsigned>(year) / 100);
+    at = writeTwoDigits(at, static_cast<unsigned>(year) % 100);
   }
-  out.push_back('-');
-  appendDigits(out, static_cast<unsigned>(ymd.month()), 2);
-  out.push_back('-');
-  appendDigits(out, static_cast<unsigned>(ymd.day()), 2);
-  out.push_back('T');
-  appendDigits(out, ms / 3'600'000, 2);
-  out.push_back(':');
-  appendDigits(out, ms / 60'000 % 60, 2);
-  out.push_back(':');
-  appendDigits(out, ms / 1000 % 60, 2);
-  out.push_back('.');
-  appendDigits(out, ms % 1000, 3);
-  out.push_back('Z');
+  *at++ = '-';
+  at = writeTwoDigits(at, static_cast<unsigned>(ymd.month()));
+  *at++ = '-';
+  at = writeTwoDigits(at, static_cast<unsigned>(ymd.day()));
+  *at++ = 'T';
+  at = writeTwoDigits(at, ms / 3'600'000);
+  *at++ = ':';
+  at = writeTwoDigits(at, ms / 60'000 % 60);
+  *at++ = ':';
+  at = writeTwoDigits(at, ms / 1000 % 60);
+  *at++ = '.';
+  *at++ = static_cast<char>('0' + ms % 1000 / 100);
+  at = writeTwoDigits(at, ms % 100);
+  *at++ = 'Z';
+  return at;
+}
+
+void appendRFC3339(std::string& out, Date date) {
+  std::array<char, kMaxRFC3339Length> text{};
+  out.append(text.data(), writeRFC3339(text.data(), date));
 }
 
 std::string formatRFC3339(Date date) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,6 +27,9 @@ constexpr Date dateFromMillisecondsSince1970(std::int64_t milliseconds) {
 // RFC 3339 in UTC with exactly three fraction digits: "2026-11-21T10:15:30.123Z".
 std::string formatRFC3339(Date date);
 void appendRFC3339(std::string& out, Date date);
+// The same text written at `at`, which has room for kMaxRFC3339Length bytes; returns its end.
+constexpr std::size_t kMaxRFC3339Length = 32;
+char* writeRFC3339(char* at, Date date);
 
 // Accepts RFC 3339 with 0 to 9 fraction digits and "Z" or a "+hh:mm"/"-hh:mm" offset.
 // Digits below the millisecond are dropped (rounded toward the past).
