@@ -16,6 +16,7 @@
 namespace vorn::tesk {
 namespace {
 
+using testing::HasSubstr;
 using testing::StartsWith;
 using testsupport::decoded;
 using testsupport::decodingError;
@@ -87,6 +88,30 @@ TEST(JSONCodingTest, RefusesInvalidUTF8NamingTheCodingPath) {
   EXPECT_THROW(TeskJSONCoding::makeEncoder().encode(Basket{{}, Item{"\xFE", 1}}, text),
                EncodingError);
   EXPECT_EQ(text, R"({"success":)");
+}
+
+TEST(JSONCodingTest, LongTextIsEscapedAndCheckedWhereverTheByteFalls) {
+  // Text is checked many bytes at a time, the last step overlapping the one before: a byte
+  // that needs a look must be found at every position of every step.
+  for (const std::size_t length : {15u, 16u, 17u, 31u, 32u, 33u, 63u, 64u, 65u, 130u}) {
+    for (std::size_t at = 0; at < length; ++at) {
+      for (const char byte : {'"', '\\', '\n', '\x1f'}) {
+        std::string text(length, 'a');
+        text[at] = byte;
+        EXPECT_EQ(encoded(text), boost::json::serialize(boost::json::string(text)))
+            << length << " " << at;
+      }
+      std::string bad(length, 'a');
+      bad[at] = '\xFF';
+      EXPECT_THAT(testsupport::encodingError(bad),
+                  HasSubstr("(byte offset " + std::to_string(at) + ")"));
+      if (at + 2 <= length) {
+        std::string utf8(length, 'a');
+        utf8.replace(at, 2, "\xC3\xA9");
+        EXPECT_EQ(encoded(utf8), '"' + utf8 + '"') << length << " " << at;
+      }
+    }
+  }
 }
 
 TEST(JSONCodingTest, IntegersKeepTheirFullRange) {
