@@ -122,22 +122,32 @@ std::size_t findNotPlain(const char* data, std::size_t i, std::size_t size) {
   return chosen(data, i, size);
 }
 
-void appendEscaped(std::string& out, char c) {
+// The escaped form of a byte of class 1 at `at` (room for six bytes); returns its end.
+char* writeEscaped(char* at, char c) {
+  char shortForm = 0;
   switch (c) {
-    case '"': out += "\\\""; return;
-    case '\\': out += "\\\\"; return;
-    case '\b': out += "\\b"; return;
-    case '\f': out += "\\f"; return;
-    case '\n': out += "\\n"; return;
-    case '\r': out += "\\r"; return;
-    case '\t': out += "\\t"; return;
+    case '"': shortForm = '"'; break;
+    case '\\': shortForm = '\\'; break;
+    case '\b': shortForm = 'b'; break;
+    case '\f': shortForm = 'f'; break;
+    case '\n': shortForm = 'n'; break;
+    case '\r': shortForm = 'r'; break;
+    case '\t': shortForm = 't'; break;
     default: break;
+  }
+  *at++ = '\\';
+  if (shortForm != 0) {
+    *at++ = shortForm;
+    return at;
   }
   constexpr std::string_view kHex = "0123456789abcdef";
   const auto byte = static_cast<std::uint8_t>(c);
-  out += "\\u00";
-  out.push_back(kHex[byte >> 4]);
-  out.push_back(kHex[byte & 0xF]);
+  *at++ = 'u';
+  *at++ = '0';
+  *at++ = '0';
+  *at++ = kHex[byte >> 4];
+  *at++ = kHex[byte & 0xF];
+  return at;
 }
 
 std::string describeValue(const boost::json::value& value) {
@@ -192,19 +202,19 @@ std::string formatCodingPath(const CodingPathNode* node) {
 }
 
 void Encoder::encode(std::int64_t value) {
-  std::array<char, 24> buffer{};
-  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
-  out_.append(buffer.data(), result.ptr);
+  constexpr std::size_t kMaxDigits = 20;
+  char* at = room(kMaxDigits);
+  cursor_ = std::to_chars(at, at + kMaxDigits, value).ptr;
 }
 
 void Encoder::encode(std::uint64_t value) {
-  std::array<char, 24> buffer{};
-  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
-  out_.append(buffer.data(), result.ptr);
+  constexpr std::size_t kMaxDigits = 20;
+  char* at = room(kMaxDigits);
+  cursor_ = std::to_chars(at, at + kMaxDigits, value).ptr;
 }
 
 void Encoder::encode(std::string_view value) {
-  out_.push_back('"');
+  put('"');
   const char* data = value.data();
   const std::size_t size = value.size();
   std::size_t runStart = 0;
@@ -223,27 +233,30 @@ void Encoder::encode(std::string_view value) {
       }
       i = end;
     } else {
-      out_.append(data + runStart, i - runStart);
-      appendEscaped(out_, data[i]);
+      write(value.substr(runStart, i - runStart));
+      cursor_ = writeEscaped(room(6), data[i]);
       ++i;
       runStart = i;
     }
     i = findNotPlain(data, i, size);
   }
-  out_.append(data + runStart, size - runStart);
-  out_.push_back('"');
+  write(value.substr(runStart));
+  put('"');
 }
 
 void Encoder::encode(platform::Date value) {
-  out_.push_back('"');
-  platform::appendRFC3339(out_, value);
-  out_.push_back('"');
+  char* at = room(platform::kMaxRFC3339Length + 2);
+  *at++ = '"';
+  at = platform::writeRFC3339(at, value);
+  *at++ = '"';
+  cursor_ = at;
 }
 
 void Encoder::encode(const DecimalValue& value) {
-  out_.push_back('"');
+  put('"');
+  flush();
   value.value.appendTo(out_);
-  out_.push_back('"');
+  put('"');
 }
 
 KeyedDecodingContainer Decoder::keyedContainer() const {

@@ -3,7 +3,8 @@
 // dates (RFC 3339, UTC, milliseconds) and decimals (strings of plain text).
 //
 // Writing streams: a record's `encode` opens a keyed container and each field goes
-// straight into one output buffer, in the order written, with no intermediate tree.
+// straight into the output text, in the order written, with no intermediate tree (small
+// pieces pass through a staging buffer inside the encoder).
 // Reading parses the whole text first (platform::parseJSON) and decodes from the tree.
 //
 // A type takes part by providing
@@ -21,6 +22,8 @@
 
 #include <boost/json/value.hpp>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -70,14 +73,16 @@ class UnkeyedEncodingContainer;
 class Encoder {
  public:
   explicit Encoder(std::string& out) : out_(out) {}
+  Encoder(const Encoder&) = delete;
+  Encoder& operator=(const Encoder&) = delete;
 
   // Containers write their closing bracket when they go out of scope.
   KeyedEncodingContainer keyedContainer();
   UnkeyedEncodingContainer unkeyedContainer();
 
   // Single values.
-  void encodeNull() { out_ += "null"; }
-  void encode(bool value) { out_ += value ? "true" : "false"; }
+  void encodeNull() { write("null"); }
+  void encode(bool value) { write(value ? std::string_view("true") : std::string_view("false")); }
   void encode(std::int32_t value) { encode(static_cast<std::int64_t>(value)); }
   void encode(std::int64_t value);
   void encode(std::uint64_t value);
@@ -92,21 +97,56 @@ class Encoder {
     Coding<T>::encode(*this, value);
   }
 
+  // Hands what is still buffered to the output; the text is complete only after this.
+  // JSONEncoder calls it once the value is written.
+  void flush() {
+    out_.append(buffer_.data(), cursor_);
+    cursor_ = buffer_.data();
+  }
+
   std::string codingPath() const { return formatCodingPath(path_); }
 
  private:
   friend class KeyedEncodingContainer;
   friend class UnkeyedEncodingContainer;
+
+  // Small pieces (brackets, keys, numbers, dates) are gathered here and reach the output in
+  // appends of up to this size, so writing one is a store and a bounds check instead of a
+  // string append; long runs of text go to the output directly.
+  static constexpr std::size_t kBufferSize = 2048;
+
+  // A place for `count` (at most kBufferSize) more bytes; the caller advances cursor_.
+  char* room(std::size_t count) {
+    if (static_cast<std::size_t>(buffer_.data() + kBufferSize - cursor_) < count) flush();
+    return cursor_;
+  }
+  void put(char c) {
+    *room(1) = c;
+    ++cursor_;
+  }
+  void write(std::string_view text) {
+    if (text.size() <= static_cast<std::size_t>(buffer_.data() + kBufferSize - cursor_)) {
+      cursor_ = std::copy(text.begin(), text.end(), cursor_);
+      return;
+    }
+    flush();
+    out_.append(text);
+  }
+  // Bytes written so far, buffered ones included.
+  std::size_t size() const {
+    return out_.size() + static_cast<std::size_t>(cursor_ - buffer_.data());
+  }
+
   std::string& out_;
   const CodingPathNode* path_ = nullptr;
+  std::array<char, kBufferSize> buffer_;  // not initialised: only written bytes are read
+  char* cursor_ = buffer_.data();
 };
 
 class KeyedEncodingContainer {
  public:
-  explicit KeyedEncodingContainer(Encoder& encoder) : encoder_(encoder) {
-    encoder_.out_.push_back('{');
-  }
-  ~KeyedEncodingContainer() { encoder_.out_.push_back('}'); }
+  explicit KeyedEncodingContainer(Encoder& encoder) : encoder_(encoder) { encoder_.put('{'); }
+  ~KeyedEncodingContainer() { encoder_.put('}'); }
   KeyedEncodingContainer(const KeyedEncodingContainer&) = delete;
   KeyedEncodingContainer& operator=(const KeyedEncodingContainer&) = delete;
 
@@ -131,12 +171,22 @@ class KeyedEncodingContainer {
 
  private:
   void writeKey(std::string_view key) {
-    std::string& out = encoder_.out_;
-    if (!first_) out.push_back(',');
+    if (key.size() + 4 > Encoder::kBufferSize) {
+      if (!first_) encoder_.put(',');
+      first_ = false;
+      encoder_.put('"');
+      encoder_.write(key);
+      encoder_.write("\":");
+      return;
+    }
+    char* at = encoder_.room(key.size() + 4);
+    if (!first_) *at++ = ',';
     first_ = false;
-    out.push_back('"');
-    out.append(key);
-    out += "\":";
+    *at++ = '"';
+    at = std::copy(key.begin(), key.end(), at);
+    *at++ = '"';
+    *at++ = ':';
+    encoder_.cursor_ = at;
   }
   Encoder& encoder_;
   bool first_ = true;
@@ -145,15 +195,30 @@ class KeyedEncodingContainer {
 class UnkeyedEncodingContainer {
  public:
   explicit UnkeyedEncodingContainer(Encoder& encoder) : encoder_(encoder) {
-    encoder_.out_.push_back('[');
+    encoder_.put('[');
+    start_ = encoder_.size();
   }
-  ~UnkeyedEncodingContainer() { encoder_.out_.push_back(']'); }
+  ~UnkeyedEncodingContainer() { encoder_.put(']'); }
   UnkeyedEncodingContainer(const UnkeyedEncodingContainer&) = delete;
   UnkeyedEncodingContainer& operator=(const UnkeyedEncodingContainer&) = delete;
 
+  // Makes room, in one step, for `remaining` more elements the size of the average so far
+  // when that much room is not there yet. Long lists (thousands of transactions) then grow
+  // the text once or twice instead of doubling it twenty times, which copies every byte
+  // again each time and holds old and new buffer at once. Room never written is never
+  // touched, so an estimate that is too high costs address space, not memory.
+  void reserveForRemaining(std::size_t remaining) {
+    if (count_ == 0 || remaining == 0) return;
+    const std::size_t size = encoder_.size();
+    const std::size_t needed = ((size - start_) / count_ + 1) * remaining;
+    std::string& out = encoder_.out_;
+    if (out.capacity() >= size + needed) return;
+    out.reserve(size + needed + needed / 8);
+  }
+
   template <class T>
   void encode(const T& value) {
-    if (count_ != 0) encoder_.out_.push_back(',');
+    if (count_ != 0) encoder_.put(',');
     CodingPathNode node{encoder_.path_, {}, count_, true};
     encoder_.path_ = &node;
     encoder_.encode(value);
@@ -163,6 +228,7 @@ class UnkeyedEncodingContainer {
 
  private:
   Encoder& encoder_;
+  std::size_t start_ = 0;
   std::size_t count_ = 0;
 };
 
@@ -271,7 +337,10 @@ template <class T>
 struct Coding<std::vector<T>> {
   static void encode(Encoder& encoder, const std::vector<T>& values) {
     auto container = encoder.unkeyedContainer();
-    for (const T& value : values) container.encode(value);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      container.reserveForRemaining(values.size() - i);
+      container.encode(values[i]);
+    }
   }
   static std::vector<T> decode(const Decoder& decoder) {
     if (!decoder.value().is_array()) decoder.failTypeMismatch("an array");
@@ -303,6 +372,7 @@ class JSONEncoder {
     try {
       Encoder encoder(out);
       encoder.encode(value);
+      encoder.flush();
     } catch (...) {
       out.resize(start);
       throw;

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <boost/json/array.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/string.hpp>
 
@@ -112,6 +113,18 @@ TEST(JSONCodingTest, LongTextIsEscapedAndCheckedWhereverTheByteFalls) {
       }
     }
   }
+}
+
+TEST(JSONCodingTest, LongListsComeOutWhole) {
+  // Thousands of elements of uneven size: the text is sized from the elements written so
+  // far and passes through the encoder's staging buffer many times over.
+  std::vector<std::string> values;
+  boost::json::array expected;
+  for (int i = 0; i < 3000; ++i) {
+    values.push_back(std::string(static_cast<std::size_t>(i * 7919 % 700), 'a') + "\n");
+    expected.emplace_back(values.back());
+  }
+  EXPECT_EQ(encoded(values), boost::json::serialize(expected));
 }
 
 TEST(JSONCodingTest, IntegersKeepTheirFullRange) {
