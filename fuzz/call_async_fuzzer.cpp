@@ -92,8 +92,8 @@ std::optional<std::string> decodeFailure(const std::string& payload) {
 std::optional<std::optional<std::string>> requestCheck(const std::string& method,
                                                        const std::string& payload) {
   auto wrap = [](std::optional<std::string> failure) {
-    return std::optional<std::optional<std::string>>(
-        failure->empty() ? std::nullopt : std::move(failure));
+    return std::optional<std::optional<std::string>>(failure->empty() ? std::nullopt
+                                                                      : std::move(failure));
   };
   if (method == "GetProducts") return wrap(decodeFailure<GetProductsRequest>(payload));
   if (method == "Purchase") return wrap(decodeFailure<PurchaseRequest>(payload));
@@ -124,11 +124,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto answered = std::make_shared<std::binary_semaphore>(0);
   auto envelope = std::make_shared<std::string>();
   ++harness->calls;
-  harness->plugin->callAsync(method, payload, [harness = harness, answered, envelope](std::string text) {
-    *envelope = std::move(text);
-    ++harness->answers;
-    answered->release();
-  });
+  harness->plugin->callAsync(method, payload,
+                             [harness = harness, answered, envelope](std::string text) {
+                               *envelope = std::move(text);
+                               ++harness->answers;
+                               answered->release();
+                             });
   answered->acquire();  // an unanswered call hangs here, and libFuzzer's timeout reports it
   // Answers arrive in call order on one queue, so a second answer to an earlier call would
   // have arrived by now.
@@ -158,7 +159,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   const auto syncAnswer = harness->plugin->callSync(method, payload);
-  FUZZ_REQUIRE(syncAnswer == errorEnvelope("INTERNAL", "Plugin AppleStoreKitService has no SYNC methods"),
-               syncAnswer);
+  FUZZ_REQUIRE(
+      syncAnswer == errorEnvelope("INTERNAL", "Plugin AppleStoreKitService has no SYNC methods"),
+      syncAnswer);
   return 0;
 }

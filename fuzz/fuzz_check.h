@@ -12,13 +12,13 @@
 namespace fuzzcheck {
 
 // Not assert(): the targets are built with NDEBUG, and a broken promise must always stop.
-#define FUZZ_REQUIRE(condition, detail)                                                   \
-  do {                                                                                    \
-    if (!(condition)) {                                                                   \
-      std::fprintf(stderr, "%s:%d: broken: %s\n  %s\n", __FILE__, __LINE__, #condition,  \
-                   std::string(detail).c_str());                                          \
-      std::abort();                                                                       \
-    }                                                                                     \
+#define FUZZ_REQUIRE(condition, detail)                                                 \
+  do {                                                                                  \
+    if (!(condition)) {                                                                 \
+      std::fprintf(stderr, "%s:%d: broken: %s\n  %s\n", __FILE__, __LINE__, #condition, \
+                   std::string(detail).c_str());                                        \
+      std::abort();                                                                     \
+    }                                                                                   \
   } while (false)
 
 // "name\nrest": the name is everything before the first line break, the text the rest. An

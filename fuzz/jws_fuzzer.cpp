@@ -21,7 +21,8 @@ namespace {
 
 struct Tokens {
   std::shared_ptr<storekit::LocalStore> store;
-  std::shared_ptr<const storekit::SigningAuthority> untrusted = storekit::SigningAuthority::generate();
+  std::shared_ptr<const storekit::SigningAuthority> untrusted =
+      storekit::SigningAuthority::generate();
   std::vector<std::string> trustedPayloads;
   std::vector<std::string> signedTokens;  // trusted ones first, then the untrusted one
 
@@ -70,8 +71,7 @@ std::string buildToken(const Tokens& tokens, const std::uint8_t* data, std::size
   if (form % 4 == 3) {
     // Header, payload and signature each from any of the signed tokens.
     const auto pick = [&](int shift) { return segments(all[(form >> shift) % all.size()]); };
-    token = std::string(pick(2)[0]) + "." + std::string(pick(4)[1]) + "." +
-            std::string(pick(6)[2]);
+    token = std::string(pick(2)[0]) + "." + std::string(pick(4)[1]) + "." + std::string(pick(6)[2]);
   } else {
     token = all[(form >> 2) % all.size()];
   }
@@ -82,7 +82,9 @@ std::string buildToken(const Tokens& tokens, const std::uint8_t* data, std::size
       case 0:
         if (position < token.size()) token[position] = value;
         break;
-      case 1: token.insert(position, 1, value); break;
+      case 1:
+        token.insert(position, 1, value);
+        break;
       default:
         if (position < token.size()) token.erase(position, 1);
     }

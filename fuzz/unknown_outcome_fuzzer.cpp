@@ -21,11 +21,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto parsed = platform::parseJSON(envelope);
   FUZZ_REQUIRE(parsed.has_value(), envelope);
   // The data two levels down must still be within the reader's depth limit.
-  const auto parsedData = rawJson.empty() ? std::nullopt
-                                     : platform::parseJSON(rawJson, nullptr, platform::kMaxJSONDepth - 2);
+  const auto parsedData = rawJson.empty()
+                              ? std::nullopt
+                              : platform::parseJSON(rawJson, nullptr, platform::kMaxJSONDepth - 2);
   if (!parsedData) {
-    FUZZ_REQUIRE(envelope == errorEnvelope("INTERNAL", "Unknown outcome rawJson was not valid JSON"),
-                 envelope);
+    FUZZ_REQUIRE(
+        envelope == errorEnvelope("INTERNAL", "Unknown outcome rawJson was not valid JSON"),
+        envelope);
   } else if (!platform::parseJSON(boost::json::serialize(*parsedData))) {
     // Data the serialiser cannot write as JSON (a number that overflowed when read); this
     // failure comes first, before the text is checked for UTF-8.
@@ -34,7 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_REQUIRE(envelope == kNonUTF8Envelope, envelope);
   } else {
     const auto& outcome = parsed->at("outcome");
-    FUZZ_REQUIRE(outcome.at("code").is_string() && outcome.at("code").get_string() == code, envelope);
+    FUZZ_REQUIRE(outcome.at("code").is_string() && outcome.at("code").get_string() == code,
+                 envelope);
     // As the platform serialiser writes the parsed data (numbers in their shortest form, which
     // may read back closer to the text than the parser's first, faster reading did).
     const auto written = platform::parseJSON(boost::json::serialize(*parsedData));
