@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <stdexcept>
 
@@ -124,6 +125,47 @@ Owned<X509> fromDER(std::string_view der) {
   return cert;
 }
 
+// Parsing a certificate is most of what a verification costs with OpenSSL 3 (its public key
+// is decoded through the provider machinery), and every token a store signs carries the
+// same chain, checked against the same root. So each distinct certificate, by its exact DER
+// bytes, is parsed once and then shared: a parsed certificate is only read from then on,
+// which OpenSSL allows from several threads at once. The cache forgets everything when it
+// is full, so tokens with ever new certificates cannot make it grow without end.
+class CertificateCache {
+ public:
+  // Never destroyed: the store's threads may still verify while the process exits.
+  static CertificateCache& shared() {
+    static auto* cache = new CertificateCache();
+    return *cache;
+  }
+
+  // The certificate of `der` (its own reference), or nothing when the bytes are not one
+  // certificate exactly.
+  Owned<X509> parse(std::string_view der) {
+    {
+      std::lock_guard lock(mutex_);
+      if (const auto found = parsed_.find(der); found != parsed_.end()) {
+        return share(found->second.get());
+      }
+    }
+    auto cert = fromDER(der);
+    if (!cert) return cert;
+    std::lock_guard lock(mutex_);
+    if (parsed_.size() >= kCapacity) parsed_.clear();
+    parsed_.try_emplace(std::string(der), share(cert.get()));
+    return cert;
+  }
+
+ private:
+  static constexpr std::size_t kCapacity = 64;
+  static Owned<X509> share(X509* cert) {
+    X509_up_ref(cert);
+    return Owned<X509>(cert);
+  }
+  std::mutex mutex_;
+  std::map<std::string, Owned<X509>, std::less<>> parsed_;
+};
+
 bool hasExtension(X509* cert, const char* oid) {
   Owned<ASN1_OBJECT> object(OBJ_txt2obj(oid, 1));
   return object && X509_get_ext_by_OBJ(cert, object.get(), -1) >= 0;
@@ -244,12 +286,12 @@ std::string verifyJWS(std::string_view jws, std::string_view trustedRootDER,
     if (!entry.is_string()) reject(Code::invalidEncoding);
     const auto der = platform::base64Decode(entry.get_string());
     if (!der) reject(Code::invalidEncoding);
-    auto cert = fromDER(*der);
+    auto cert = CertificateCache::shared().parse(*der);
     if (!cert) reject(Code::invalidEncoding);
     chain.push_back(std::move(cert));
   }
   if (chain.size() != 3) reject(Code::invalidCertificateChain);
-  auto root = fromDER(trustedRootDER);
+  auto root = CertificateCache::shared().parse(trustedRootDER);
   if (!root) reject(Code::invalidCertificateChain);
   if (!hasExtension(chain[0].get(), kLeafMarkerOID) ||
       !hasExtension(chain[1].get(), kIntermediateMarkerOID)) {
