@@ -556,7 +556,10 @@ class LocalStore::SnapshotSource : public TransactionSequence::Source {
 
   std::optional<VerificationResult<Transaction>> next(std::stop_token stop) override {
     if (stop.stop_requested() || index_ >= entries_.size()) return std::nullopt;
-    return store_->deliver(entries_[index_++]);
+    // Each entry is handed out once, so its copy of the signed token goes as soon as it is
+    // delivered: reading a long history does not hold every token one more time to its end.
+    const Entry entry = std::move(entries_[index_++]);
+    return store_->deliver(entry);
   }
 
  private:
