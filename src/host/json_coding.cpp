@@ -122,6 +122,44 @@ std::size_t findNotPlain(const char* data, std::size_t i, std::size_t size) {
   return chosen(data, i, size);
 }
 
+// Identifiers, tokens of a few dozen bytes, dates as text: most strings are short, and
+// most need nothing but copying. Those of 16 to 64 bytes are checked and copied with
+// (overlapping) 16-byte loads and stores straight into `at`, which has room for size + 2;
+// false when the text needs the general path.
+bool writeShortPlain(char* at, const char* data, std::size_t size) {
+#if defined(__SSE2__)
+  if (size < 16 || size > 64) return false;
+  auto load = [&](std::size_t from) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + from));
+  };
+  auto notPlain = [](__m128i bytes) {
+    return _mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)),
+                        _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
+                                     _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))));
+  };
+  // Four blocks cover the text: two from the front, two from the back (overlapping when
+  // the text is shorter than 64 bytes).
+  const std::size_t second = size > 32 ? 16 : size - 16;
+  const std::size_t third = size > 32 ? size - 32 : 0;
+  const __m128i blocks[4] = {load(0), load(second), load(third), load(size - 16)};
+  const __m128i any = _mm_or_si128(_mm_or_si128(notPlain(blocks[0]), notPlain(blocks[1])),
+                                   _mm_or_si128(notPlain(blocks[2]), notPlain(blocks[3])));
+  if (_mm_movemask_epi8(any) != 0) return false;
+  *at = '"';
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 1), blocks[0]);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 1 + second), blocks[1]);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 1 + third), blocks[2]);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 1 + size - 16), blocks[3]);
+  at[size + 1] = '"';
+  return true;
+#else
+  (void)at;
+  (void)data;
+  (void)size;
+  return false;
+#endif
+}
+
 // The escaped form of a byte of class 1 at `at` (room for six bytes); returns its end.
 char* writeEscaped(char* at, char c) {
   char shortForm = 0;
@@ -214,8 +252,15 @@ void Encoder::encode(std::uint64_t value) {
 }
 
 void Encoder::encode(std::string_view value) {
-  put('"');
   const char* data = value.data();
+  if (value.size() <= 64) {
+    char* at = room(value.size() + 2);
+    if (writeShortPlain(at, data, value.size())) {
+      cursor_ = at + value.size() + 2;
+      return;
+    }
+  }
+  put('"');
   const std::size_t size = value.size();
   std::size_t runStart = 0;
   std::size_t i = findNotPlain(data, 0, size);

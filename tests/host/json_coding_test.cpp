@@ -94,10 +94,13 @@ TEST(JSONCodingTest, RefusesInvalidUTF8NamingTheCodingPath) {
 TEST(JSONCodingTest, LongTextIsEscapedAndCheckedWhereverTheByteFalls) {
   // Text is checked many bytes at a time, the last step overlapping the one before: a byte
   // that needs a look must be found at every position of every step.
-  for (const std::size_t length : {15u, 16u, 17u, 31u, 32u, 33u, 63u, 64u, 65u, 130u}) {
+  for (const std::size_t length : {15u, 16u, 17u, 31u, 32u, 33u, 47u, 63u, 64u, 65u, 130u}) {
+    std::string plain(length, 'a');
+    for (std::size_t i = 0; i < length; ++i) plain[i] = static_cast<char>('a' + i % 26);
+    EXPECT_EQ(encoded(plain), '"' + plain + '"');
     for (std::size_t at = 0; at < length; ++at) {
       for (const char byte : {'"', '\\', '\n', '\x1f'}) {
-        std::string text(length, 'a');
+        std::string text = plain;
         text[at] = byte;
         EXPECT_EQ(encoded(text), boost::json::serialize(boost::json::string(text)))
             << length << " " << at;
