@@ -2,6 +2,8 @@
 
 #include <array>
 #include <atomic>
+#include <ctime>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -166,6 +168,65 @@ class CertificateCache {
   std::map<std::string, Owned<X509>, std::less<>> parsed_;
 };
 
+// The seconds since 1970 of a certificate time; nothing when it cannot be read.
+std::optional<std::time_t> secondsOf(const ASN1_TIME* time) {
+  std::tm parts{};
+  if (ASN1_TIME_to_tm(time, &parts) != 1) return std::nullopt;
+  return timegm(&parts);
+}
+
+// Whether a chain verifies changes from one token to the next only through the validity
+// periods of its certificates (the rest of the check looks at the certificates alone), and
+// every token a store signs carries the same chain. So a chain (leaf, intermediate, trusted
+// root, by their exact bytes) that verified once is remembered with the seconds in which all
+// three are valid, a second kept clear of either end; a token checked at a time inside needs
+// no second check of the chain's signatures. Anything else is checked in full, as before.
+class VerifiedChains {
+ public:
+  static VerifiedChains& shared() {
+    static auto* chains = new VerifiedChains();  // never destroyed, like the certificates
+    return *chains;
+  }
+
+  // The exact bytes of leaf, intermediate and trusted root, each after its length.
+  static std::string keyOf(std::string_view leaf, std::string_view intermediate,
+                           std::string_view root) {
+    std::string key;
+    for (const std::string_view der : {leaf, intermediate, root}) {
+      key += std::to_string(der.size());
+      key += ':';
+      key += der;
+    }
+    return key;
+  }
+
+  bool verifiedAt(const std::string& key, std::time_t when) {
+    std::lock_guard lock(mutex_);
+    const auto found = valid_.find(key);
+    return found != valid_.end() && when >= found->second.first && when <= found->second.second;
+  }
+
+  void remember(std::string key, X509* const (&certificates)[3]) {
+    std::time_t from = std::numeric_limits<std::time_t>::min();
+    std::time_t to = std::numeric_limits<std::time_t>::max();
+    for (X509* certificate : certificates) {
+      const auto notBefore = secondsOf(X509_get0_notBefore(certificate));
+      const auto notAfter = secondsOf(X509_get0_notAfter(certificate));
+      if (!notBefore || !notAfter) return;
+      from = std::max(from, *notBefore + 1);
+      to = std::min(to, *notAfter - 1);
+    }
+    std::lock_guard lock(mutex_);
+    if (valid_.size() >= kCapacity) valid_.clear();
+    valid_.insert_or_assign(std::move(key), std::pair{from, to});
+  }
+
+ private:
+  static constexpr std::size_t kCapacity = 64;
+  std::mutex mutex_;
+  std::map<std::string, std::pair<std::time_t, std::time_t>, std::less<>> valid_;
+};
+
 bool hasExtension(X509* cert, const char* oid) {
   Owned<ASN1_OBJECT> object(OBJ_txt2obj(oid, 1));
   return object && X509_get_ext_by_OBJ(cert, object.get(), -1) >= 0;
@@ -282,13 +343,15 @@ std::string verifyJWS(std::string_view jws, std::string_view trustedRootDER,
   const auto* x5c = header.as_object().if_contains("x5c");
   if (!x5c || !x5c->is_array()) reject(Code::invalidCertificateChain);
   std::vector<Owned<X509>> chain;
+  std::vector<std::string> chainDER;
   for (const auto& entry : x5c->get_array()) {
     if (!entry.is_string()) reject(Code::invalidEncoding);
-    const auto der = platform::base64Decode(entry.get_string());
+    auto der = platform::base64Decode(entry.get_string());
     if (!der) reject(Code::invalidEncoding);
     auto cert = CertificateCache::shared().parse(*der);
     if (!cert) reject(Code::invalidEncoding);
     chain.push_back(std::move(cert));
+    chainDER.push_back(std::move(*der));
   }
   if (chain.size() != 3) reject(Code::invalidCertificateChain);
   auto root = CertificateCache::shared().parse(trustedRootDER);
@@ -304,19 +367,25 @@ std::string verifyJWS(std::string_view jws, std::string_view trustedRootDER,
       effectiveDate = platform::dateFromMillisecondsSince1970(signedDate->get_int64());
     }
   }
-  Owned<X509_STORE> store(X509_STORE_new());
-  Owned<STACK_OF(X509)> untrusted(sk_X509_new_null());
-  Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
-  if (!store || !untrusted || !context || X509_STORE_add_cert(store.get(), root.get()) != 1 ||
-      sk_X509_push(untrusted.get(), chain[1].get()) <= 0 ||
-      X509_STORE_CTX_init(context.get(), store.get(), chain[0].get(), untrusted.get()) != 1) {
-    reject(Code::invalidCertificateChain);
+  // The time the chain is checked at: the effective date, else (as OpenSSL does) now.
+  const std::time_t checkedAt =
+      effectiveDate ? static_cast<time_t>(platform::millisecondsSince1970(*effectiveDate) / 1000)
+                    : std::time(nullptr);
+  auto chainKey = VerifiedChains::keyOf(chainDER[0], chainDER[1], trustedRootDER);
+  if (!VerifiedChains::shared().verifiedAt(chainKey, checkedAt)) {
+    Owned<X509_STORE> store(X509_STORE_new());
+    Owned<STACK_OF(X509)> untrusted(sk_X509_new_null());
+    Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
+    if (!store || !untrusted || !context || X509_STORE_add_cert(store.get(), root.get()) != 1 ||
+        sk_X509_push(untrusted.get(), chain[1].get()) <= 0 ||
+        X509_STORE_CTX_init(context.get(), store.get(), chain[0].get(), untrusted.get()) != 1) {
+      reject(Code::invalidCertificateChain);
+    }
+    if (effectiveDate) X509_STORE_CTX_set_time(context.get(), 0, checkedAt);
+    if (X509_verify_cert(context.get()) != 1) reject(Code::invalidCertificateChain);
+    VerifiedChains::shared().remember(std::move(chainKey),
+                                      {chain[0].get(), chain[1].get(), root.get()});
   }
-  if (effectiveDate) {
-    X509_STORE_CTX_set_time(context.get(), 0,
-                            static_cast<time_t>(platform::millisecondsSince1970(*effectiveDate) / 1000));
-  }
-  if (X509_verify_cert(context.get()) != 1) reject(Code::invalidCertificateChain);
 
   if (signature->size() != 64) reject(Code::invalidSignature);
   const auto* bytes = reinterpret_cast<const unsigned char*>(signature->data());

@@ -103,9 +103,12 @@ TEST(JWS, RejectsTamperingForeignChainsAndGarbage) {
   header["x5c"].as_array().pop_back();
   EXPECT_EQ(rejection(platform::base64URLEncode(json::serialize(header)) + "." + parts[1] + "." + parts[2], root),
             Code::invalidCertificateChain);
-  // Certificates outside their validity at the signing date.
+  // Certificates outside their validity at the signing date, after and before it (also once
+  // the same chain has verified at other dates).
   const auto late = authority->sign(R"({"signedDate":4200000000000})");
   EXPECT_EQ(rejection(late, root), Code::invalidCertificateChain);
+  EXPECT_EQ(rejection(authority->sign(R"({"signedDate":900000000000})"), root),
+            Code::invalidCertificateChain);
   EXPECT_EQ(verifyJWS(late, root, platform::dateFromMillisecondsSince1970(1700000000000)),
             R"({"signedDate":4200000000000})");
   for (const std::string& garbage : std::vector<std::string>{"", "a.b", "a.b.c.d", "!!.??.**", parts[0] + ".bm90IGpzb24." + parts[2]}) {
