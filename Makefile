@@ -9,7 +9,7 @@ DEB_PACKAGES := cmake ninja-build g++ pkg-config libboost-json1.81-dev libssl-de
 	libbenchmark-dev
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: deps configure build test check-sanitizers fuzz demo clean
+.PHONY: deps configure build test check-sanitizers fuzz demo bench clean
 
 # Installs only the Debian packages that are missing, so a ready machine pays nothing.
 deps:
@@ -48,6 +48,13 @@ demo: configure
 	@echo "vorntesk-storekit --transcript < examples/demo.jsonl"
 	@echo "(send: a line to the service; answer: its envelope; event: an update the observer pushed)"
 	build/$(PRESET)/tools/vorntesk-storekit --transcript < examples/demo.jsonl
+
+# Benchmarks (bench/README.md): the release build with the benchmark programs, every figure
+# beside its floor and its peers, gathered into build/bench/summary.json and printed.
+bench: deps
+	cmake --preset release -DVORNTESK_BUILD_BENCHMARKS=ON
+	cmake --build --preset release -j $(JOBS) --target vorntesk_benchmarks
+	bench/run_benchmarks.sh build/release/bench build/bench
 
 clean:
 	rm -rf build
