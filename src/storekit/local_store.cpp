@@ -176,6 +176,11 @@ struct LocalStore::UpdateQueue {
   std::condition_variable_any settled;  // the consumer came back for more
   std::deque<Entry> items;
   bool consumerWaiting = false;  // the consumer is inside next(), done with what it had
+  // A reader whose task is cancelled gets what the queue held when it first saw the
+  // cancellation, and nothing that arrives later (that stays for the sequence's next reader):
+  // a steady stream of updates cannot keep a cancelled reader going for ever.
+  std::stop_token cancelledReader;
+  std::size_t leftForCancelledReader = 0;
 };
 
 struct LocalStore::State {
@@ -582,6 +587,14 @@ class LocalStore::UpdatesSource : public TransactionSequence::Source {
       const bool got = queue_->ready.wait(lock, stop, [&] { return !queue_->items.empty(); });
       queue_->consumerWaiting = false;
       if (!got) return std::nullopt;
+      if (stop.stop_requested()) {
+        if (queue_->cancelledReader != stop) {
+          queue_->cancelledReader = stop;
+          queue_->leftForCancelledReader = queue_->items.size();
+        }
+        if (queue_->leftForCancelledReader == 0) return std::nullopt;
+        --queue_->leftForCancelledReader;
+      }
       entry = std::move(queue_->items.front());
       queue_->items.pop_front();
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <semaphore>
 #include <set>
 #include <thread>
 
@@ -419,6 +420,33 @@ TEST_F(StoreTest, UpdatesReplayUnfinishedOnceBroadcastAndEndOnCancellation) {
   while (!ended && std::chrono::steady_clock::now() - cancelledAt < 2s) std::this_thread::sleep_for(1ms);
   EXPECT_TRUE(ended);
   EXPECT_LT(std::chrono::steady_clock::now() - cancelledAt, 500ms);
+}
+
+TEST_F(StoreTest, ACancelledReaderHandsOutWhatItHoldsButTakesNothingNew) {
+  (void)Transaction::updates();  // takes the first listener's replay of unfinished ones
+  std::binary_semaphore subscribed(0), cancelled(0), readOnce(0), pushedLater(0), done(0);
+  std::vector<std::uint64_t> got;
+  auto task = platform::Task::run([&] {
+    auto updates = Transaction::updates();
+    subscribed.release();
+    cancelled.acquire();
+    // The first read after the cancellation: from here on the reader takes nothing new.
+    if (auto update = updates.next()) got.push_back(update->unsafePayloadValue().id());
+    readOnce.release();
+    pushedLater.acquire();
+    while (auto update = updates.next()) got.push_back(update->unsafePayloadValue().id());
+    done.release();
+  });
+  ASSERT_TRUE(subscribed.try_acquire_for(60s));
+  const auto before = store_->buyProduct(kCoins).id();
+  task.cancel();
+  const auto unnoticed = store_->buyProduct(kCoins).id();  // the reader has not looked yet
+  cancelled.release();
+  ASSERT_TRUE(readOnce.try_acquire_for(60s));
+  store_->buyProduct(kCoins);
+  pushedLater.release();
+  ASSERT_TRUE(done.try_acquire_for(60s));
+  EXPECT_EQ(got, (std::vector<std::uint64_t>{before, unnoticed}));
 }
 
 TEST_F(StoreTest, TimeRateRenewsOnItsOwnAndConcurrentCallersGetDistinctIDs) {
