@@ -24,8 +24,9 @@ for target in "${targets[@]}"; do
        > "$build/$target.log" 2>&1; then
     failed+=("$target")
     tail -n 60 "$build/$target.log"
+    echo "fuzz_$target failed"
   fi
-  grep -E '^(Done|stat::number_of_executed_units)' "$build/$target.log" || true
+  grep -E '^Done [0-9]+ runs' "$build/$target.log" | sed "s/^/fuzz_$target: /" || true
 done
 
 if [ ${#failed[@]} -gt 0 ]; then
