@@ -1,6 +1,7 @@
-// A transaction with no optional field set, and its wire form written out by hand.
+// Records with no optional field set, and their wire forms written out by hand.
 #pragma once
 
+#include "records/apple_product.h"
 #include "records/apple_transaction.h"
 
 #include <string_view>
@@ -28,5 +29,21 @@ inline constexpr std::string_view kMinimalTransactionJSON =
     R"("jwsRepresentation":"","verificationStatus":1,"verificationError":0,)"
     R"("bundleId":"com.example.app","isUpgraded":false,"offerType":0,)"
     R"("storefrontCountryCode":"","deviceVerification":"","deviceVerificationNonce":""})";
+
+inline AppleProduct coinsProduct() {
+  return {"coins",
+          "100 Coins",
+          "A \"pile\"",
+          "$0.99",
+          *platform::Decimal::parse("0.99"),
+          "en_US",
+          AppleProductType::consumable,
+          std::nullopt,
+          false};
+}
+
+inline constexpr std::string_view kCoinsJSON =
+    R"({"id":"coins","displayName":"100 Coins","description":"A \"pile\"","displayPrice":"$0.99",)"
+    R"("price":"0.99","priceLocale":"en_US","productType":1,"isFamilyShareable":false})";
 
 }  // namespace VornTeskPaymentsAddonApple::samples
