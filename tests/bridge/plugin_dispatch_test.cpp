@@ -1,24 +1,23 @@
-// The plug-in seen from the host: every result case of every method answered with its exact
+// The plug-in seen from the host: every case of every result answered with its exact
 // envelope, once, on the plug-in's queue, in order; unknown methods, undecodable payloads,
-// the synchronous entry and cancellation.
+// the synchronous entry and cancellation; and the envelope texts themselves. (Registration:
+// tests/integration/shared_library_test.cpp and tests/stress.)
 #include "bridge/apple_store_kit_service_plugin.h"
-#include "host/tesk_bridge_dispatcher.h"
-#include "support/completion_log.h"
+#include "bridge/envelope.h"
+#include "platform/json.h"
+#include "records/record_samples.h"
 #include "support/scripted_adapter.h"
 
-#include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
+#include <boost/json/parse.hpp>
 
+#include <future>
 #include <latch>
-#include <thread>
 
 namespace {
 
 using namespace VornTeskPaymentsAddonApple;
-using testsupport::CompletionLog;
 using testsupport::ScriptedAdapter;
-using vorn::tesk::VornError;
-using vorn::tesk::VornErrorCode;
 
 struct Fixture {
   std::shared_ptr<ScriptedAdapter> adapter = std::make_shared<ScriptedAdapter>();
@@ -26,335 +25,208 @@ struct Fixture {
       std::make_shared<platform::SerialQueue>("test.plugin");
   std::shared_ptr<AppleStoreKitServicePlugin> plugin =
       std::make_shared<AppleStoreKitServicePlugin>(adapter, queue);
-  CompletionLog log;
+  std::vector<std::string> answers;  // in arrival order, each marked if it came off the queue
+
+  vorn::tesk::CompletionHandler answer() {
+    return [this](std::string envelope) {
+      answers.push_back(queue->isCurrent() ? envelope : "<off the queue> " + envelope);
+    };
+  }
+  // Once this returns, everything queued before (the completions included) has run.
+  std::vector<std::string> drain() {
+    std::promise<void> drained;
+    queue->async([&] { drained.set_value(); });
+    EXPECT_EQ(drained.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    return answers;
+  }
 };
 
-AppleProduct sampleProduct() {
-  AppleProduct product;
-  product.id = "pro.monthly";
-  product.displayName = "Pro";
-  product.description = "All features";
-  product.displayPrice = "$0.99";
-  product.price = *platform::Decimal::parse("0.99");
-  product.priceLocale = "en_US";
-  product.productType = AppleProductType::autoRenewable;
-  product.subscription = SubscriptionInfo{"21482456", Period{1, ApplePeriodUnit::month}, {}, {}};
-  product.isFamilyShareable = true;
-  return product;
-}
+using Script = std::function<void(ScriptedAdapter&)>;
 
-VornError fullError() {
-  return VornError{VornErrorCode::unavailable, "A network error occurred: offline",
-                   "NETWORK_ERROR", "trace-1", std::map<std::string, std::string>{{"k", "v"}},
-                   "about:blank", "/calls/1"};
+// Makes the operation behind `hook` answer `result`.
+template <class Result, class Request>
+Script answer(std::function<Result(const Request&)> ScriptedAdapter::*hook,
+              std::type_identity_t<Result> result) {
+  return [=](ScriptedAdapter& a) { a.*hook = [result](const Request&) { return result; }; };
 }
-
-struct Row {
-  std::string method;
-  std::string payload;
-  std::function<void(ScriptedAdapter&)> script;
-  std::string expected;
-};
 
 TEST(PluginDispatch, EveryCaseOfEveryResultIsAnsweredExactlyOnceInOrderOnTheQueue) {
-  const std::string unknownEnvelope = R"({"outcome":{"code":"later","data":{"a":[1,2]}}})";
-  const std::string failure =
-      R"({"error":{"code":"UNAVAILABLE","message":"A network error occurred: offline",)"
-      R"("externalCode":"NETWORK_ERROR","traceId":"trace-1","details":{"k":"v"},)"
-      R"("type":"about:blank","instance":"/calls/1"}})";
-  const Unknown unknown{"later", R"({"a":[1,2]})"};
-  const std::vector<Row> rows = {
-      {"GetProducts", R"({"productIds":["pro.monthly"]})",
-       [](auto& a) { a.onGetProducts = [](const auto&) { return GetProductsResponse{{sampleProduct()}}; }; },
-       R"({"success":{"products":[{"id":"pro.monthly","displayName":"Pro","description":"All features",)"
-       R"("displayPrice":"$0.99","price":"0.99","priceLocale":"en_US","productType":3,)"
-       R"("subscription":{"subscriptionGroupId":"21482456","subscriptionPeriod":{"value":1,"unit":3},)"
-       R"("promotionalOffers":[]},"isFamilyShareable":true}]}})"},
-      {"GetProducts", R"({"productIds":["x"]})",
-       [&](auto& a) { a.onGetProducts = [&](const auto&) { return unknown; }; }, unknownEnvelope},
-      {"GetProducts", R"({"productIds":["x"]})",
-       [](auto& a) { a.onGetProducts = [](const auto&) { return fullError(); }; }, failure},
-      {"Purchase", R"({"productId":"a"})",
-       [](auto& a) { a.onPurchase = [](const auto&) { return PurchaseResponse{}; }; },
-       R"({"success":{"transaction":{"id":0,"originalId":0,"productId":"","productType":0,)"
-       R"("purchaseDate":"1970-01-01T00:00:00.000Z","originalPurchaseDate":"1970-01-01T00:00:00.000Z",)"
-       R"("revocationReason":0,"quantity":0,"transactionReason":0,"signedDate":"1970-01-01T00:00:00.000Z",)"
-       R"("environment":0,"ownershipType":0,"jwsRepresentation":"","verificationStatus":0,)"
-       R"("verificationError":0,"bundleId":"","isUpgraded":false,"offerType":0,)"
-       R"("storefrontCountryCode":"","deviceVerification":"","deviceVerificationNonce":""}}})"},
-      {"Purchase", R"({"productId":"a"})",
-       [&](auto& a) { a.onPurchase = [&](const auto&) { return unknown; }; }, unknownEnvelope},
-      {"Purchase", R"({"productId":"a"})",
-       [](auto& a) { a.onPurchase = [](const auto&) { return fullError(); }; }, failure},
-      {"Purchase", R"({"productId":"a"})",
-       [](auto& a) { a.onPurchase = [](const auto&) { return UserCanceled{}; }; },
-       R"({"outcome":{"code":"user_canceled","data":{}}})"},
-      {"Purchase", R"({"productId":"a"})",
-       [](auto& a) { a.onPurchase = [](const auto&) { return Pending{}; }; },
-       R"({"outcome":{"code":"pending","data":{}}})"},
-      {"StartTransactionObserver", "{}",
-       [](auto& a) { a.onStart = [] { return StartTransactionObserverResponse{}; }; },
-       R"({"success":{}})"},
-      {"StartTransactionObserver", "{}",
-       [&](auto& a) { a.onStart = [&] { return unknown; }; }, unknownEnvelope},
-      {"StartTransactionObserver", "{}", [](auto& a) { a.onStart = [] { return fullError(); }; },
-       failure},
-      {"StartTransactionObserver", "{}",
-       [](auto& a) { a.onStart = [] { return AlreadyStarted{}; }; },
-       R"({"outcome":{"code":"already_started","data":{}}})"},
-      {"StopTransactionObserver", "{}", [](auto&) {}, R"({"success":{}})"},
-      {"StopTransactionObserver", "{}", [&](auto& a) { a.onStop = [&] { return unknown; }; },
-       unknownEnvelope},
-      {"StopTransactionObserver", "{}", [](auto& a) { a.onStop = [] { return fullError(); }; },
-       failure},
-      {"GetCurrentEntitlements", "{}", [](auto&) {}, R"({"success":{"transactions":[]}})"},
-      {"GetCurrentEntitlements", "{}",
-       [&](auto& a) { a.onEntitlements = [&] { return unknown; }; }, unknownEnvelope},
-      {"GetCurrentEntitlements", "{}",
-       [](auto& a) { a.onEntitlements = [] { return fullError(); }; }, failure},
-      {"GetAllTransactions", "{}", [](auto&) {}, R"({"success":{"transactions":[]}})"},
-      {"GetAllTransactions", "{}", [&](auto& a) { a.onAll = [&] { return unknown; }; },
-       unknownEnvelope},
-      {"GetAllTransactions", "{}", [](auto& a) { a.onAll = [] { return fullError(); }; }, failure},
-      {"GetUnfinishedTransactions", "{}", [](auto&) {}, R"({"success":{"transactions":[]}})"},
-      {"GetUnfinishedTransactions", "{}",
-       [&](auto& a) { a.onUnfinished = [&] { return unknown; }; }, unknownEnvelope},
-      {"GetUnfinishedTransactions", "{}",
-       [](auto& a) { a.onUnfinished = [] { return fullError(); }; }, failure},
-      {"FinishTransaction", R"({"transactionId":18446744073709551615})", [](auto&) {},
-       R"({"success":{}})"},
-      {"FinishTransaction", R"({"transactionId":1})",
-       [&](auto& a) { a.onFinish = [&](const auto&) { return unknown; }; }, unknownEnvelope},
-      {"FinishTransaction", R"({"transactionId":1})",
-       [](auto& a) { a.onFinish = [](const auto&) { return fullError(); }; }, failure},
-      {"FinishTransaction", R"({"transactionId":1})",
-       [](auto& a) { a.onFinish = [](const auto&) { return TransactionNotFound{}; }; },
-       R"({"outcome":{"code":"transaction_not_found","data":{}}})"},
-      {"Sync", "{}", [](auto&) {}, R"({"success":{}})"},
-      {"Sync", "{}", [&](auto& a) { a.onSync = [&] { return unknown; }; }, unknownEnvelope},
-      {"Sync", "{}", [](auto& a) { a.onSync = [] { return fullError(); }; }, failure},
-      {"Sync", "{}", [](auto& a) { a.onSync = [] { return UserCanceled{}; }; },
-       R"({"outcome":{"code":"user_canceled","data":{}}})"},
-      {"GetStorefront", "{}", [](auto&) {},
-       R"({"success":{"countryCode":"USA","identifier":"143441"}})"},
-      {"GetStorefront", "{}", [&](auto& a) { a.onStorefront = [&] { return unknown; }; },
-       unknownEnvelope},
-      {"GetStorefront", "{}", [](auto& a) { a.onStorefront = [] { return fullError(); }; },
-       failure},
+  using A = ScriptedAdapter;
+  struct Row {
+    std::string method, payload;
+    Script script;
+    std::string expected;
   };
+  std::vector<Row> rows;
+  // clang-format off
+  const vorn::tesk::VornError error{vorn::tesk::VornErrorCode::unavailable, "offline", "NETWORK",
+      "trace-1", std::map<std::string, std::string>{{"k", "v"}}, "about:blank", "/calls/1"};
+  // clang-format on
+  // Success, unknown and failure of one method. Field-less requests read any JSON document,
+  // so each of those methods gets a different one.
+  auto threeCases = [&](auto hook, const char* method, const char* payload, auto success,
+                        const std::string& data) {
+    rows.push_back({method, payload, answer(hook, success), R"({"success":)" + data + "}"});
+    rows.push_back({method, payload, answer(hook, Unknown{"later", R"( {"a": [1, 2.5e1]} )"}),
+                    R"({"outcome":{"code":"later","data":{"a":[1,2.5E1]}}})"});
+    rows.push_back({method, payload, answer(hook, error),
+                    R"({"error":{"code":"UNAVAILABLE","message":"offline","externalCode":)"
+                    R"("NETWORK","traceId":"trace-1","details":{"k":"v"},"type":"about:blank",)"
+                    R"("instance":"/calls/1"}})"});
+  };
+  const AppleTransaction transaction = samples::minimalTransaction();
+  const std::string record(samples::kMinimalTransactionJSON),
+      list = "{\"transactions\":[" + record + "]}";
+  threeCases(&A::onGetProducts, "GetProducts", R"({"productIds":["coins"]})",
+             GetProductsResponse{{samples::coinsProduct()}},
+             "{\"products\":[" + std::string(samples::kCoinsJSON) + "]}");
+  threeCases(&A::onPurchase, "Purchase", R"({"productId":"coins"})", PurchaseResponse{transaction},
+             "{\"transaction\":" + record + "}");
+  threeCases(&A::onStart, "StartTransactionObserver", "{}", StartTransactionObserverResponse{},
+             "{}");
+  threeCases(&A::onStop, "StopTransactionObserver", "[]", StopTransactionObserverResponse{}, "{}");
+  threeCases(&A::onEntitlements, "GetCurrentEntitlements", "null",
+             GetCurrentEntitlementsResponse{{{transaction}}}, list);
+  threeCases(&A::onAll, "GetAllTransactions", "3", GetAllTransactionsResponse{},
+             R"({"transactions":[]})");
+  threeCases(&A::onUnfinished, "GetUnfinishedTransactions", R"("text")",
+             GetUnfinishedTransactionsResponse{{{transaction}}}, list);
+  threeCases(&A::onFinish, "FinishTransaction", R"({"transactionId":18446744073709551615})",
+             FinishTransactionResponse{}, "{}");
+  threeCases(&A::onSync, "Sync", R"({"anything":true})", SyncResponse{}, "{}");
+  threeCases(&A::onStorefront, "GetStorefront", "{}", GetStorefrontResponse{"FRA", "143442"},
+             R"({"countryCode":"FRA","identifier":"143442"})");
+  // The operations' own cases, and a success that cannot be written.
+  const auto outcome = [](const char* code) {
+    return R"({"outcome":{"code":")" + std::string(code) + R"(","data":{}}})";
+  };
+  AppleProduct bad = samples::coinsProduct();
+  bad.displayName = "bad \xC3\x28 text";
+  const std::string purchase = R"({"productId":"a"})";
+  rows.push_back(
+      {"Purchase", purchase, answer(&A::onPurchase, UserCanceled{}), outcome("user_canceled")});
+  rows.push_back({"Purchase", purchase, answer(&A::onPurchase, Pending{}), outcome("pending")});
+  rows.push_back({"StartTransactionObserver", "{}", answer(&A::onStart, AlreadyStarted{}),
+                  outcome("already_started")});
+  rows.push_back({"FinishTransaction", R"({"transactionId":1})",
+                  answer(&A::onFinish, TransactionNotFound{}), outcome("transaction_not_found")});
+  rows.push_back({"Sync", "{}", answer(&A::onSync, UserCanceled{}), outcome("user_canceled")});
+  rows.push_back({"GetProducts", R"({"productIds":[]})",
+                  answer(&A::onGetProducts, GetProductsResponse{{samples::coinsProduct(), bad}}),
+                  R"x({"error":{"code":"INTERNAL","message":"invalidValue at products[1].)x"
+                  R"x(displayName: the string is not valid UTF-8 (byte offset 4)"}})x"});
 
   // Each row's script runs on the queue just before its own call, so the adapter answers
   // each call as its row says even though all calls are queued up front.
   Fixture f;
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    f.queue->async([&, i] { rows[i].script(*f.adapter); });
-    f.plugin->callAsync(rows[i].method, rows[i].payload,
-                        f.log.handler(static_cast<int>(i), f.queue.get()));
+  for (const Row& row : rows) {
+    f.queue->async([&] { row.script(*f.adapter); });
+    f.plugin->callAsync(row.method, row.payload, f.answer());
   }
-  const auto answers = f.log.waitFor(rows.size());
+  const auto answers = f.drain();
   ASSERT_EQ(answers.size(), rows.size());
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    SCOPED_TRACE(rows[i].method + " row " + std::to_string(i));
-    EXPECT_EQ(answers[i].callIndex, static_cast<int>(i));
-    EXPECT_EQ(answers[i].envelope, rows[i].expected);
-    EXPECT_TRUE(answers[i].onQueue);
+    EXPECT_EQ(answers[i], rows[i].expected) << rows[i].method << " row " << i;
   }
   EXPECT_EQ(f.adapter->operationCalls.load(), static_cast<int>(rows.size()));
 }
 
-TEST(PluginDispatch, UnknownMethodsAreUnimplementedAndNeverLookAtThePayload) {
-  Fixture f;
-  const std::vector<std::string> methods = {"getProducts", "GetProducts ", "", "Restore",
-                                            "purchase\n"};
-  for (std::size_t i = 0; i < methods.size(); ++i) {
-    f.plugin->callAsync(methods[i], "not json at all", f.log.handler(static_cast<int>(i)));
-  }
-  const auto answers = f.log.waitFor(methods.size());
-  for (std::size_t i = 0; i < methods.size(); ++i) {
-    const auto parsed = boost::json::parse(answers[i].envelope).as_object();
-    EXPECT_EQ(parsed.at("error").at("code").as_string(), "UNIMPLEMENTED");
-    EXPECT_EQ(parsed.at("error").at("message").as_string(), "Unknown ASYNC method: " + methods[i]);
-  }
-  EXPECT_EQ(f.adapter->operationCalls.load(), 0);
-}
-
-TEST(PluginDispatch, UndecodablePayloadsAnswerInternalWithTheDecoderDescription) {
-  Fixture f;
-  struct Case {
-    std::string method;
-    std::string payload;
-    std::string message;
-  };
-  const std::vector<Case> cases = {
-      {"GetProducts", "", ""},
-      {"GetProducts", "null", R"(valueNotFound: expected an object but found null)"},
-      {"GetProducts", "[]", R"(typeMismatch: expected an object but found an array)"},
-      {"GetProducts", R"({"productIds":[1]})",
-       R"(typeMismatch at productIds[0]: expected a string but found the number 1)"},
-      {"Purchase", R"({"options":{}})", R"(keyNotFound: "productId")"},
+TEST(PluginDispatch, UnknownMethodsAndUndecodablePayloadsNeverReachTheAdapter) {
+  // Unknown methods never look at the payload; the others answer the decoder's description
+  // (whose every kind the records tests check), of which only the start is given for text
+  // that is not JSON at all.
+  const std::string internal = R"({"error":{"code":"INTERNAL","message":")";
+  const std::string notJSON = internal + "dataCorrupted: the data is not valid JSON (";
+  const std::string calls[][3] = {
+      {"getProducts", "x",
+       R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: getProducts"}})"},
+      {"purchase\n", "x",
+       R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: purchase\n"}})"},
+      {"GetStorefront", "{", notJSON},
+      {"GetProducts", "null", internal + R"(valueNotFound: expected an object but found null"}})"},
       {"Purchase", R"({"productId":"a","options":{"quantity":"2"}})",
-       R"(typeMismatch at options.quantity: expected a 32-bit integer but found a string)"},
+       internal +
+           R"(typeMismatch at options.quantity: expected a 32-bit integer but found a string"}})"},
       {"FinishTransaction", R"({"transactionId":-1})",
-       R"(typeMismatch at transactionId: expected an unsigned 64-bit integer but found the number -1)"},
-      {"Sync", "", ""},
-      {"GetStorefront", "{", ""},
-  };
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    f.plugin->callAsync(cases[i].method, cases[i].payload, f.log.handler(static_cast<int>(i)));
-  }
-  const auto answers = f.log.waitFor(cases.size());
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    SCOPED_TRACE(cases[i].method + " " + cases[i].payload);
-    const auto parsed = boost::json::parse(answers[i].envelope).as_object();
-    EXPECT_EQ(parsed.at("error").at("code").as_string(), "INTERNAL");
-    const std::string message(parsed.at("error").at("message").as_string());
-    if (cases[i].message.empty()) {
-      EXPECT_EQ(message.rfind("dataCorrupted: the data is not valid JSON", 0), 0U) << message;
-    } else {
-      EXPECT_EQ(message, cases[i].message);
-    }
-  }
-  EXPECT_EQ(f.adapter->operationCalls.load(), 0);
-}
-
-TEST(PluginDispatch, FieldlessRequestsAcceptAnyJSONDocument) {
+       internal + "typeMismatch at transactionId: expected an unsigned 64-bit integer but found "
+                  R"(the number -1"}})"}};
   Fixture f;
-  const std::vector<std::string> payloads = {"{}", R"({"anything":true})", "[]", "3", "null",
-                                             R"("text")"};
-  for (std::size_t i = 0; i < payloads.size(); ++i) {
-    f.plugin->callAsync("Sync", payloads[i], f.log.handler(static_cast<int>(i)));
+  for (const auto& call : calls) f.plugin->callAsync(call[0], call[1], f.answer());
+  const auto answers = f.drain();
+  ASSERT_EQ(answers.size(), std::size(calls));
+  for (std::size_t i = 0; i < std::size(calls); ++i) {
+    const std::string& expected = calls[i][2];
+    EXPECT_EQ(expected == notJSON ? answers[i].substr(0, notJSON.size()) : answers[i], expected);
   }
-  for (const auto& answer : f.log.waitFor(payloads.size())) {
-    EXPECT_EQ(answer.envelope, R"({"success":{}})");
-  }
-  EXPECT_EQ(f.adapter->operationCalls.load(), static_cast<int>(payloads.size()));
-}
-
-TEST(PluginDispatch, ASuccessThatCannotBeEncodedAnswersInternalNamingThePath) {
-  Fixture f;
-  f.adapter->onGetProducts = [](const auto&) {
-    AppleProduct product = sampleProduct();
-    product.displayName = "bad \xC3\x28 text";
-    return GetProductsResponse{{sampleProduct(), product}};
-  };
-  f.plugin->callAsync("GetProducts", R"({"productIds":["a"]})", f.log.handler(0));
-  const auto parsed = boost::json::parse(f.log.waitFor(1)[0].envelope).as_object();
-  EXPECT_EQ(parsed.at("error").at("code").as_string(), "INTERNAL");
-  const std::string message(parsed.at("error").at("message").as_string());
-  EXPECT_NE(message.find("products[1].displayName"), std::string::npos) << message;
-}
-
-TEST(PluginDispatch, CallSyncAnswersItsFixedErrorForAnyInput) {
-  Fixture f;
-  for (const std::string method : {"", "GetProducts", "Purchase", "Anything"}) {
-    for (const std::string payload : {"", "{}", "not json"}) {
-      const auto parsed = boost::json::parse(f.plugin->callSync(method, payload)).as_object();
-      ASSERT_EQ(parsed.size(), 1U);
-      const auto& error = parsed.at("error").as_object();
-      EXPECT_EQ(error.size(), 2U);
-      EXPECT_EQ(error.at("code").as_string(), "INTERNAL");
-      EXPECT_EQ(error.at("message").as_string(), "Plugin AppleStoreKitService has no SYNC methods");
-    }
+  for (const std::string method : {"", "GetProducts", "Anything"}) {
+    EXPECT_EQ(f.plugin->callSync(method, "{}"),
+              internal + R"(Plugin AppleStoreKitService has no SYNC methods"}})");
   }
   EXPECT_EQ(f.adapter->operationCalls.load(), 0);
 }
 
 TEST(PluginDispatch, CancelReachesTheAdapterAtOnceWhileACallIsRunning) {
   Fixture f;
-  std::latch started(1);
-  std::latch release(1);
-  f.adapter->onSync = [&] {
+  std::latch started(1), release(1);
+  f.adapter->onSync = [&](const SyncRequest&) {
     started.count_down();
     release.wait();
     return SyncResponse{};
   };
-  f.plugin->callAsync("Sync", "{}", f.log.handler(0));
-  f.plugin->callAsync("GetStorefront", "{}", f.log.handler(1));
+  f.plugin->callAsync("Sync", "{}", f.answer());
+  f.plugin->callAsync("GetStorefront", "{}", f.answer());
   started.wait();
   // The queue is blocked in Sync: cancellation must not wait behind it.
   for (const std::int64_t id : {std::int64_t{0}, std::int64_t{-7}, INT64_MAX, INT64_MIN}) {
     f.plugin->cancel(id);
   }
-  EXPECT_EQ(f.adapter->cancelledIds(),
-            (std::vector<std::int64_t>{0, -7, INT64_MAX, INT64_MIN}));
+  EXPECT_EQ(f.adapter->cancelledIds(), (std::vector<std::int64_t>{0, -7, INT64_MAX, INT64_MIN}));
   release.count_down();
-  const auto answers = f.log.waitFor(2);
-  EXPECT_EQ(answers[0].callIndex, 0);
-  EXPECT_EQ(answers[1].callIndex, 1);
-}
-
-TEST(PluginDispatch, CallsFromManyThreadsAreEachAnsweredOnceAndKeepPerThreadOrder) {
-  Fixture f;
-  constexpr int kThreads = 4;
-  constexpr int kCallsPerThread = 500;
-  std::atomic<int> running{0};
-  std::atomic<bool> overlapped{false};
-  f.adapter->onFinish = [&](const FinishTransactionRequest&) {
-    if (running.fetch_add(1) != 0) overlapped = true;
-    running.fetch_sub(1);
-    return FinishTransactionResponse{};
-  };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kCallsPerThread; ++i) {
-        f.plugin->callAsync("FinishTransaction", R"({"transactionId":1})",
-                            f.log.handler(t * kCallsPerThread + i));
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  const auto answers = f.log.waitFor(kThreads * kCallsPerThread);
-  ASSERT_EQ(answers.size(), static_cast<std::size_t>(kThreads * kCallsPerThread));
-  std::vector<int> lastSeen(kThreads, -1);
-  for (const auto& answer : answers) {
-    const int thread = answer.callIndex / kCallsPerThread;
-    const int index = answer.callIndex % kCallsPerThread;
-    EXPECT_EQ(index, lastSeen[static_cast<std::size_t>(thread)] + 1);
-    lastSeen[static_cast<std::size_t>(thread)] = index;
-    EXPECT_EQ(answer.envelope, R"({"success":{}})");
-  }
-  EXPECT_FALSE(overlapped.load());
-}
-
-TEST(PluginRegistration, RegistersUnderItsNameOnANewQueueEachTime) {
-  auto& dispatcher = vorn::tesk::TeskBridgeDispatcher::shared();
-  dispatcher.removeAllPlugins();
-  EXPECT_EQ(AppleStoreKitServicePlugin::pluginName, "AppleStoreKitService");
-
-  AppleStoreKitServicePlugin::registerPlugin();
-  EXPECT_EQ(dispatcher.plugin("AppleStoreKitService"), nullptr);
-
-  auto adapter = std::make_shared<ScriptedAdapter>();
-  AppleStoreKitServicePlugin::registerPlugin(adapter);
-  auto first = std::dynamic_pointer_cast<AppleStoreKitServicePlugin>(
-      dispatcher.plugin("AppleStoreKitService"));
-  ASSERT_NE(first, nullptr);
-  AppleStoreKitServicePlugin::registerPlugin(adapter);
-  auto second = std::dynamic_pointer_cast<AppleStoreKitServicePlugin>(
-      dispatcher.plugin("AppleStoreKitService"));
-  ASSERT_NE(second, nullptr);
-
-  EXPECT_NE(first, second);
-  EXPECT_NE(first->queue(), second->queue());
-  for (const auto& plugin : {first, second}) {
-    EXPECT_EQ(plugin->adapter(), adapter);
-    EXPECT_EQ(plugin->queue()->label(), "com.qubrixplatform.vorntesk.apple_store_kit_service.plugin");
-    EXPECT_EQ(plugin->queue()->qualityOfService(), platform::QualityOfService::userInitiated);
-  }
-
-  // The replaced plug-in still answers what it was given.
-  CompletionLog log;
-  first->callAsync("GetStorefront", "{}", log.handler(0));
-  dispatcher.callAsync("AppleStoreKitService", "Sync", "{}", log.handler(1));
-  EXPECT_EQ(log.waitFor(2).size(), 2U);
-  dispatcher.removeAllPlugins();
+  EXPECT_EQ(f.drain(),
+            (std::vector<std::string>{R"({"success":{}})",
+                                      R"({"success":{"countryCode":"","identifier":""}})"}));
 }
 
 TEST(PluginDeathTest, ConstructionWithoutAdapterOrQueueEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(AppleStoreKitServicePlugin(nullptr, std::make_shared<platform::SerialQueue>("q")),
                "needs an adapter and a queue");
+}
+
+const std::string kInvalid =
+    R"({"error":{"code":"INTERNAL","message":"Unknown outcome rawJson was not valid JSON"}})";
+
+TEST(Envelope, UnknownOutcomeCarriesAnyJSONDocumentNoDeeperThanTheProcessCanReadBack) {
+  for (const std::string data : {"null", "true", R"("quoted")", "42", "-1.25E1", "[1E308]"}) {
+    EXPECT_EQ(unknownOutcomeEnvelope("later", " " + data + "\n"),
+              R"({"outcome":{"code":"later","data":)" + data + "}}");
+  }
+  for (const std::string raw : {"", "{", "{\"a\":1", "[1,]", "1 2", "nul", "\"\xC3\x28\""}) {
+    EXPECT_EQ(unknownOutcomeEnvelope("code", raw), kInvalid) << raw;
+  }
+  auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  const std::size_t deepest = platform::kMaxJSONDepth - 2;
+  const auto envelope = unknownOutcomeEnvelope("deep", nested(deepest));
+  EXPECT_EQ(envelope, R"({"outcome":{"code":"deep","data":)" + nested(deepest) + "}}");
+  EXPECT_TRUE(platform::parseJSON(envelope).has_value());
+  EXPECT_EQ(unknownOutcomeEnvelope("deep", nested(deepest + 1)), kInvalid);
+  // Numbers JSON cannot carry, anywhere in the data.
+  for (const std::string raw : {"1e999", "-1e400", R"([0,{"a":[2e308]}])"}) {
+    EXPECT_EQ(unknownOutcomeEnvelope("big", raw),
+              R"({"error":{"code":"INTERNAL","message":"<unserialisable>"}})")
+        << raw;
+  }
+}
+
+TEST(Envelope, ErrorEnvelopesEscapeWhatTheyAreGivenAndNeverEmitInvalidText) {
+  const std::string text = errorEnvelope("IN\"TERNAL", "line\nbreak \\ tab\t \x01 \xE2\x82\xAC");
+  const auto parsed = boost::json::parse(text).as_object();
+  EXPECT_EQ(parsed.at("error").at("code").as_string(), "IN\"TERNAL");
+  EXPECT_EQ(parsed.at("error").at("message").as_string(), "line\nbreak \\ tab\t \x01 \xE2\x82\xAC");
+  EXPECT_EQ(text.find('\n'), std::string::npos);
+  EXPECT_EQ(errorEnvelope("INTERNAL", "bad \xFF byte"),
+            R"({"error":{"code":"INTERNAL","message":"<non-utf8>"}})");
+  EXPECT_EQ(unknownOutcomeEnvelope("bad \xFF code", "1"), errorEnvelope("INTERNAL", "\xFF"));
 }
 
 }  // namespace
