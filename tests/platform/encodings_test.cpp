@@ -1,0 +1,81 @@
+// The text forms of bytes: Base64 in both alphabets, UTF-8 validation, UUID strings.
+#include "platform/base64.h"
+#include "platform/utf8.h"
+#include "platform/uuid.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+namespace platform {
+namespace {
+
+TEST(Base64Test, CodesBothAlphabetsAndRejectsWhatNoEncoderWrites) {
+  // The URL-safe form drops the padding and differs in the last two symbols (the last pair).
+  const std::string_view plain[] = {"",     "f",     "fo",     "foo",
+                                    "foob", "fooba", "foobar", "\xFB\xEF\xBE\xFF\xFF"};
+  const std::string_view encodings[] = {"",         "Zg==",     "Zm8=",     "Zm9v",
+                                        "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy", "++++//8="};
+  for (std::size_t i = 0; i < std::size(plain); ++i) {
+    std::string url(encodings[i].substr(0, encodings[i].find('=')));
+    std::replace(url.begin(), url.end(), '+', '-');
+    std::replace(url.begin(), url.end(), '/', '_');
+    EXPECT_EQ(base64Encode(plain[i]), encodings[i]);
+    EXPECT_EQ(base64Decode(encodings[i]), std::string(plain[i]));
+    EXPECT_EQ(base64URLEncode(plain[i]), url);
+    EXPECT_EQ(base64URLDecode(url), std::string(plain[i]));
+  }
+  // "Zh" and "Zm9" leave non-zero bits after the last byte: no canonical encoding has them.
+  for (const char* text : {"Zm9v!", "Zm 9v", "Zm9", "Zg=", "Zg", "Z===", "====", "Zg==Zg==", "Zm=v",
+                           "Zh==", "Zm9=", "----__8=", "Zm9vYmF"}) {
+    EXPECT_EQ(base64Decode(text), std::nullopt) << text;
+  }
+  for (const char* text : {"Zg==", "Zm8=", "Z", "Zm9vY", "Zh", "Zm9", "++++//8"}) {
+    EXPECT_EQ(base64URLDecode(text), std::nullopt) << text;
+  }
+}
+
+TEST(UTF8Test, AcceptsEveryLengthAndStopsBeforeOverlongSurrogateTooLargeOrCutSequences) {
+  for (const char* text :
+       {"", "plain ASCII longer than eight bytes", "\x7F", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80",
+        "\xED\x9F\xBF", "\xEE\x80\x80", "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
+    EXPECT_TRUE(isValidUTF8(text)) << testing::PrintToString(std::string(text));
+  }
+  EXPECT_TRUE(isValidUTF8(std::string_view("a\0b", 3)));
+  for (const char* bad :
+       {"\x80", "\xC0\xAF", "\xC1\xBF", "\xE0\x80\xAF", "\xE0\x9F\xBF", "\xF0\x80\x80\xAF",
+        "\xF0\x8F\xBF\xBF", "\xED\xA0\x80", "\xED\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80",
+        "\xFF", "\xC3", "\xE2\x82", "\xF0\x9F\x98", "\xC3\x28", "\xE2\x82\x28", "\xF0\x9F\x28\x80",
+        "\xF0\x9F\x98\x28"}) {
+    // Alone, after a valid prefix, and where the prefix ends inside or after an eight-byte run.
+    for (const std::string prefix : {"", "caf\xC3\xA9", "\xF0\x9F\x98\x80-0123", "0123456789"}) {
+      EXPECT_EQ(validUTF8PrefixLength(prefix + bad + "tail"), prefix.size())
+          << testing::PrintToString(prefix + bad);
+    }
+  }
+  EXPECT_EQ(validUTF8PrefixLength("01234567\x80"), 8u);
+}
+
+TEST(UUIDTest, ReadsEitherCaseWritesUpperCaseAndRandomIsVersion4) {
+  const std::string good = "e621e1f8-c36c-495a-93fc-0c247a3e6e5f";
+  const auto lower = UUID::fromString(good);
+  ASSERT_TRUE(lower.has_value());
+  EXPECT_EQ(lower, UUID::fromString("E621E1F8-C36C-495A-93fc-0C247A3E6E5F"));
+  EXPECT_EQ(lower->uuidString(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+  const std::string tail = good.substr(0, 35);
+  for (const std::string& text :
+       {std::string(), good.substr(1), good + "0", "{" + good + "}", tail + "g", tail + '\0',
+        std::string("e621e1f-8c36c-495a-93fc-0c247a3e6e5f"),
+        std::string("e621e1f8xc36c-495a-93fc-0c247a3e6e5f")}) {
+    EXPECT_FALSE(UUID::fromString(text).has_value()) << text;
+  }
+  const UUID random = UUID::random();
+  EXPECT_NE(random, UUID::random());
+  EXPECT_EQ(random.bytes()[6] >> 4, 4);
+  EXPECT_EQ(random.bytes()[8] & 0xC0, 0x80);  // RFC 4122 variant
+  EXPECT_EQ(UUID::fromString(random.uuidString()), random);
+}
+
+}  // namespace
+}  // namespace platform
