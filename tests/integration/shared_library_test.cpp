@@ -1,7 +1,6 @@
 // The library as a host loads it: dlopen, the exported registration function and version
-// symbols found by name, and the plug-in it registered driven through the dispatcher of
-// that same library (which has its own dispatcher and store, apart from the copies this
-// test program links).
+// symbols found by name, and the plug-in it registered driven through the library's own
+// dispatcher and store (apart from the copies this test program links).
 #include "support/store_service.h"
 
 #include <dlfcn.h>
@@ -18,13 +17,11 @@ TEST(SharedLibrary, TheExportedFunctionRegistersAServiceThatAnswersThroughTheLib
   // The library's store reads its configuration on first use, as a host would set it up.
   ASSERT_EQ(setenv("VORNTESK_STOREKIT_CONFIG", kSampleStore.c_str(), 1), 0);
   void* library = dlopen(VORNTESK_BINARY_DIR "/libVornTeskPaymentsAddonApple.so.1", RTLD_NOW);
-  ASSERT_NE(library, nullptr) << dlerror();
-  // Never closed: the library's threads keep running until the process ends.
-
+  ASSERT_NE(library, nullptr) << dlerror();  // never closed: the library's threads keep running
   const auto* versionNumber =
       static_cast<const double*>(dlsym(library, "VornTeskPaymentsAddonAppleVersionNumber"));
   const auto* versionString =
-      static_cast<const unsigned char*>(dlsym(library, "VornTeskPaymentsAddonAppleVersionString"));
+      static_cast<const char*>(dlsym(library, "VornTeskPaymentsAddonAppleVersionString"));
   const auto registerService =
       reinterpret_cast<void (*)()>(dlsym(library, "Vorn_Tesk_AppleStoreKitService_Register"));
   // vorn::tesk::TeskBridgeDispatcher::shared(), the host side the library itself calls.
@@ -32,9 +29,7 @@ TEST(SharedLibrary, TheExportedFunctionRegistersAServiceThatAnswersThroughTheLib
       dlsym(library, "_ZN4vorn4tesk20TeskBridgeDispatcher6sharedEv"));
   ASSERT_TRUE(versionNumber && versionString && registerService && sharedDispatcher);
   EXPECT_EQ(*versionNumber, 1.0);
-  EXPECT_NE(std::string(reinterpret_cast<const char*>(versionString))
-                .find("VornTeskPaymentsAddonApple-1"),
-            std::string::npos);
+  EXPECT_NE(std::string(versionString).find("VornTeskPaymentsAddonApple-1"), std::string::npos);
 
   TeskBridgeDispatcher& dispatcher = sharedDispatcher();
   ASSERT_NE(&dispatcher, &TeskBridgeDispatcher::shared());
@@ -42,29 +37,19 @@ TEST(SharedLibrary, TheExportedFunctionRegistersAServiceThatAnswersThroughTheLib
   registerService();
   const auto first = dispatcher.plugin("AppleStoreKitService");
   ASSERT_NE(first, nullptr);
-
   EXPECT_EQ(callService(dispatcher, "GetProducts", R"({"productIds":[")" + kRemoveAds + R"("]})"),
             R"({"success":{"products":[{"id":"com.vorntesk.sample.removeads",)"
             R"("displayName":"Remove Ads","description":"Removes every advertisement, for good.",)"
             R"("displayPrice":"$4.99","price":"4.99","priceLocale":"en_US","productType":2,)"
             R"("isFamilyShareable":true}]}})");
-  const auto bought =
-      json::parse(callService(dispatcher, "Purchase", R"({"productId":")" + kRemoveAds + R"("})"));
-  const auto& record = bought.at("success").at("transaction");
-  EXPECT_EQ(record.at("productId"), json::value(kRemoveAds));
-  EXPECT_EQ(record.at("verificationStatus"), 1);
-  const auto listed = json::parse(callService(dispatcher, "GetAllTransactions"));
-  EXPECT_EQ(listed.at("success").at("transactions").at(0), record);
   EXPECT_EQ(callService(dispatcher, "StartTransactionObserver"), R"({"success":{}})");
   EXPECT_EQ(callService(dispatcher, "StartTransactionObserver"),
             R"({"outcome":{"code":"already_started","data":{}}})");
-
   // Each call registers anew, with an observer of its own that has not started yet.
   registerService();
   EXPECT_NE(dispatcher.plugin("AppleStoreKitService"), first);
   EXPECT_EQ(callService(dispatcher, "StartTransactionObserver"), R"({"success":{}})");
   EXPECT_EQ(callService(dispatcher, "StopTransactionObserver"), R"({"success":{}})");
-  // The plug-in of this program's own dispatcher was never touched.
   EXPECT_EQ(TeskBridgeDispatcher::shared().plugin("AppleStoreKitService"), nullptr);
 }
 
