@@ -57,23 +57,6 @@ TEST(SerialQueueTest, RunsWorkFromManyThreadsOneAtATimeInOrderAndWorkQueuedByWor
   for (const auto& run : runs) EXPECT_EQ(run, expected);
 }
 
-TEST(SerialQueueTest, QueuedWorkRunsAfterTheLastOwnerLetsGoFromInsideTheQueue) {
-  auto queue = std::make_shared<SerialQueue>("com.vorn.test.a-label-longer-than-fifteen");
-  std::atomic<bool> open{false};
-  std::atomic<int> ran{0}, ranWhenLast{-1};
-  // The first item holds the only reference once the test drops its own, then drops it too.
-  queue->async([keep = queue, &open]() mutable {
-    while (!open) std::this_thread::yield();
-    keep.reset();
-  });
-  for (int i = 0; i < 100; ++i) queue->async([&] { ++ran; });
-  queue->async([&] { ranWhenLast = ran.load(); });
-  queue.reset();
-  open = true;
-  ASSERT_TRUE(eventually([&] { return ranWhenLast != -1; }));
-  EXPECT_EQ(ranWhenLast, 100);
-}
-
 TEST(TaskTest, BlockedTasksNeverStarveQueuedOnes) {
   // Every task blocks until the last one has started, so all must run at once: far more
   // than the threads the pool starts eagerly. The handles are dropped at once.

@@ -90,8 +90,9 @@ TEST(DecimalTest, ParsesAndFormatsExactlyWithinTheRange) {
   }
   EXPECT_FALSE(Decimal::parse("1" + k38Nines).has_value());  // 39 significant digits
   EXPECT_FALSE(Decimal::parse("0.1" + k38Nines).has_value());
-  const char* ascending[] = {"-1e100", "-100",  "-99.5", "-12.345", "-12.34", "-1e-128", "0",
-                             "1e-128", "0.001", "0.99",  "1",       "9.5",    "10",      "1e100"};
+  const char* ascending[] = {"-1e100", "-100",   "-99.5", "-12.345", "-12.34", "-1e-128",
+                             "0",      "1e-128", "0.001", "0.99",    "1",      "9.5",
+                             "10",     "20",     "123",   "1e100"};
   for (std::size_t i = 0; i + 1 < std::size(ascending); ++i) {
     EXPECT_LT(dec(ascending[i]), dec(ascending[i + 1])) << ascending[i];
   }
