@@ -23,7 +23,8 @@ inline AppleTransaction minimalTransaction() {
 
 inline constexpr std::string_view kMinimalTransactionJSON =
     R"({"id":1,"originalId":1,"productId":"coins","productType":1,)"
-    R"("purchaseDate":"2025-06-01T12:00:00.000Z","originalPurchaseDate":"2025-06-01T12:00:00.000Z",)"
+    R"("purchaseDate":"2025-06-01T12:00:00.000Z",)"
+    R"("originalPurchaseDate":"2025-06-01T12:00:00.000Z",)"
     R"("revocationReason":0,"quantity":1,"transactionReason":1,)"
     R"("signedDate":"2025-06-01T12:00:00.000Z","environment":1,"ownershipType":1,)"
     R"("jwsRepresentation":"","verificationStatus":1,"verificationError":0,)"

@@ -54,12 +54,13 @@ TEST(AppleTransactionTest, FullAndMinimalRecordsHaveExactBytesAndReadBack) {
   const std::string fullJSON =
       R"({"id":18446744073709551615,"originalId":2000000000000001,"productId":"pro.monthly",)"
       R"("productType":3,"purchaseDate":"2026-11-27T10:15:30.007Z",)"
-      R"("originalPurchaseDate":"2026-01-02T03:04:05.000Z","expirationDate":"2026-12-27T10:15:30.007Z",)"
-      R"("revocationDate":"2026-11-28T00:00:00.999Z","revocationReason":1,"webOrderLineItemId":"wo",)"
-      R"("subscriptionGroupId":"g","appAccountToken":"tok","quantity":3,"transactionReason":2,)"
+      R"("originalPurchaseDate":"2026-01-02T03:04:05.000Z",)"
+      R"("expirationDate":"2026-12-27T10:15:30.007Z","revocationDate":"2026-11-28T00:00:00.999Z",)"
+      R"("revocationReason":1,"webOrderLineItemId":"wo","subscriptionGroupId":"g",)"
+      R"("appAccountToken":"tok","quantity":3,"transactionReason":2,)"
       R"("signedDate":"2026-11-27T10:15:31.250Z","environment":3,"ownershipType":2,)"
-      R"("jwsRepresentation":"h.p.s","verificationStatus":2,"verificationError":6,"bundleId":"app",)"
-      R"("appBundleId":"app2","isUpgraded":true,"offerType":4,"offerId":"back",)"
+      R"("jwsRepresentation":"h.p.s","verificationStatus":2,"verificationError":6,)"
+      R"("bundleId":"app","appBundleId":"app2","isUpgraded":true,"offerType":4,"offerId":"back",)"
       R"("offerPaymentModeStringRepresentation":"freeTrial","offerPeriod":"P1M","price":"-12.345",)"
       R"("currency":"EUR","storefrontCountryCode":"FRA","deviceVerification":"dv==",)"
       R"("deviceVerificationNonce":"n","appTransactionId":"704","signedRenewalInfo":"r.i.s"})";
@@ -123,7 +124,8 @@ TEST(AppleProductTest, WritesExactBytesWithOptionalKeysLeftOutAndReadsThemBack) 
       R"("introductoryOffer":{"type":1,"price":"0","displayPrice":"Free",)"
       R"("period":{"value":1,"unit":2},"periodCount":1,"paymentMode":3},)"
       R"("promotionalOffers":[{"id":"promo","type":2,"price":"-0.05","displayPrice":"x",)"
-      R"("period":{"value":3,"unit":1},"periodCount":2,"paymentMode":1}]},"isFamilyShareable":true})";
+      R"("period":{"value":3,"unit":1},"periodCount":2,"paymentMode":1}]},)"
+      R"("isFamilyShareable":true})";
   EXPECT_EQ(encoded(pro), proJSON);
   EXPECT_EQ(encoded(samples::coinsProduct()), kCoinsJSON);
   for (const std::string_view text : {std::string_view(proJSON), kCoinsJSON}) {
