@@ -1,4 +1,4 @@
-// One-line encoding and decoding through the host's coders, for tests of anything coded.
+// One-line coding through the host's coders, and the description of the error it raises.
 #pragma once
 
 #include "host/json_coding.h"
