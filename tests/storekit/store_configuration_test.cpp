@@ -1,144 +1,133 @@
+// .storekit files: every format version read, broken files refused naming the place, and the
+// storefront table with its price formats.
 #include <gtest/gtest.h>
 
-#include "store_fixture.h"
+#include <sstream>
+
+#include "storekit/local_store.h"
 #include "storekit/price_format.h"
 #include "storekit/storefronts.h"
 
-namespace storekit::testing {
+namespace storekit {
 namespace {
 
-using Unit = SubscriptionPeriod::Unit;
+std::string dataFile(const std::string& name) {
+  return VORNTESK_SOURCE_DIR "/tests/storekit/data/" + name;
+}
 
 platform::Decimal dec(const char* text) { return *platform::Decimal::parse(text); }
 
-// Loads `file` as the process's store and returns its products in file order.
-class FormatTest : public ::testing::Test {
- protected:
-  std::vector<Product> load(const std::string& file, std::vector<std::string> ids) {
-    store_ = LocalStore::createFromFile(dataFile(file));
-    previous_ = LocalStore::setShared(store_);
-    return Product::products(ids);
+// A product on one line: everything the configuration file gives it, as the store localizes it.
+std::string describe(const Product& p) {
+  std::ostringstream s;
+  auto period = [](const SubscriptionPeriod& d) {
+    return std::to_string(d.value) + "DWMY"[static_cast<int>(d.unit)];
+  };
+  auto offers = [&](const char* kind, const std::vector<SubscriptionOffer>& list) {
+    for (const auto& o : list) {
+      s << " " << kind << "(" << o.type.rawValue << " " << o.id.value_or("-") << " "
+        << o.paymentMode.rawValue << " " << o.periodCount << "x" << period(o.period) << " "
+        << o.price.toString() << " " << o.displayPrice << ")";
+    }
+  };
+  s << p.id << ": " << p.type.rawValue << ", " << p.displayName << ", " << p.price.toString() << " "
+    << p.displayPrice << " " << p.priceFormatStyle.locale << "/" << p.priceFormatStyle.currencyCode
+    << (p.isFamilyShareable ? ", family" : "");
+  if (const auto& sub = p.subscription) {
+    s << "; " << sub->subscriptionGroupID << " " << sub->groupDisplayName << " level "
+      << sub->groupLevel << " every " << period(sub->subscriptionPeriod);
+    if (sub->introductoryOffer) offers("intro", {*sub->introductoryOffer});
+    offers("promo", sub->promotionalOffers);
+    offers("winBack", sub->winBackOffers());
   }
-  void TearDown() override { LocalStore::setShared(previous_); }
-  std::shared_ptr<LocalStore> store_, previous_;
-};
-
-TEST_F(FormatTest, Version1WithNullIntroductoryOfferAndEmptySettings) {
-  const auto products = load("format_1_1.storekit", {"lessons.monthly", "hints.10", "lessons.year"});
-  ASSERT_EQ(products.size(), 3u);
-  // The store's order, not the request's.
-  EXPECT_EQ(products[0].id, "hints.10");
-  EXPECT_EQ(products[1].id, "lessons.year");
-  EXPECT_EQ(products[2].id, "lessons.monthly");
-  EXPECT_EQ(products[0].type, ProductType::consumable());
-  EXPECT_EQ(products[1].type, ProductType::nonRenewable());
-  EXPECT_EQ(products[1].price, dec("29"));
-  EXPECT_EQ(products[1].displayPrice, "$29.00");
-  EXPECT_FALSE(products[1].subscription.has_value());
-  const auto& sub = *products[2].subscription;
-  EXPECT_EQ(sub.subscriptionGroupID, "G100");
-  EXPECT_EQ(sub.subscriptionPeriod, (SubscriptionPeriod{1, Unit::month}));
-  EXPECT_FALSE(sub.introductoryOffer.has_value());
-  EXPECT_TRUE(sub.promotionalOffers.empty());
-  EXPECT_EQ(sub.groupDisplayName, "Lessons");
-  EXPECT_EQ(products[2].priceFormatStyle, (PriceFormatStyle{"en_US", "USD"}));
-  EXPECT_EQ(Storefront::current()->id, "143441");
+  return s.str();
 }
 
-TEST_F(FormatTest, Version2LocalizesForItsLocaleAndStorefront) {
-  const auto products = load("format_2_0.storekit", {"album.full", "photo.monthly"});
-  ASSERT_EQ(products.size(), 2u);
-  EXPECT_EQ(products[0].displayName, "Album complet");
-  EXPECT_EQ(products[0].displayPrice, "3,49\xC2\xA0\xE2\x82\xAC");
-  EXPECT_EQ(products[0].priceFormatStyle, (PriceFormatStyle{"fr_FR", "EUR"}));
-  EXPECT_TRUE(products[0].isFamilyShareable);
-  const auto& sub = *products[1].subscription;
-  EXPECT_EQ(sub.groupDisplayName, "Photo Plus (FR)");
-  ASSERT_TRUE(sub.introductoryOffer);
-  EXPECT_EQ(sub.introductoryOffer->paymentMode, OfferPaymentMode::freeTrial());
-  EXPECT_EQ(sub.introductoryOffer->period, (SubscriptionPeriod{3, Unit::day}));
-  EXPECT_TRUE(sub.introductoryOffer->price.isZero());
-  EXPECT_FALSE(sub.introductoryOffer->id.has_value());
-  ASSERT_EQ(sub.promotionalOffers.size(), 1u);
-  const auto& promo = sub.promotionalOffers[0];
-  EXPECT_EQ(promo.id, "photo.winter");
-  EXPECT_EQ(promo.type, SubscriptionOffer::OfferType::promotional());
-  EXPECT_EQ(promo.paymentMode, OfferPaymentMode::payAsYouGo());
-  EXPECT_EQ(promo.periodCount, 2);
-  EXPECT_EQ(promo.price, dec("1.49"));
-  EXPECT_EQ(promo.displayPrice, "1,49\xC2\xA0\xE2\x82\xAC");
-  EXPECT_EQ(Storefront::current(), (Storefront{"FRA", "143442", "EUR"}));
-}
-
-TEST_F(FormatTest, Version3ReadsAskToBuyAndYen) {
-  const auto products = load("format_3_1.storekit", {"guild.yearly", "gems.bundle"});
-  ASSERT_EQ(products.size(), 2u);
-  EXPECT_EQ(products[0].price, dec("120"));
-  EXPECT_EQ(products[0].displayPrice, "\xEF\xBF\xA5" "120");
-  const auto& intro = *products[1].subscription->introductoryOffer;
-  EXPECT_EQ(intro.paymentMode, OfferPaymentMode::payUpFront());
-  EXPECT_EQ(intro.period, (SubscriptionPeriod{1, Unit::year}));
-  EXPECT_EQ(intro.price, dec("4800"));
-  EXPECT_EQ(products[1].displayName, "Guild Yearly");  // no localization: the reference name
-  EXPECT_TRUE(store_->askToBuyEnabled());
-  EXPECT_EQ(store_->storefront(), "JPN");
-}
-
-TEST_F(FormatTest, Version4SimulatesErrorsAndCarriesWinBackOffers) {
-  EXPECT_THROW(
-      {
-        try {
-          load("format_4_0.storekit", {"reader.monthly"});
-        } catch (const StoreKitError& error) {
-          EXPECT_EQ(error.code(), StoreKitError::Code::networkError);
-          throw;
-        }
-      },
-      StoreKitError);
-  store_->setSimulatedError(StoreKitAPI::loadProducts, std::nullopt);
-  const auto products = Product::products({"reader.monthly"});
-  ASSERT_EQ(products.size(), 1u);
-  EXPECT_EQ(products[0].displayName, "Leser");  // same language, other region
-  EXPECT_EQ(products[0].displayPrice, "7,99\xC2\xA0\xE2\x82\xAC");
-  const auto& sub = *products[0].subscription;
-  EXPECT_EQ(sub.groupLevel, 2);
-  EXPECT_EQ(sub.groupDisplayName, "Lesezirkel");
-  ASSERT_EQ(sub.winBackOffers().size(), 1u);
-  EXPECT_EQ(sub.winBackOffers()[0].type, SubscriptionOffer::OfferType::winBack());
-  EXPECT_EQ(sub.winBackOffers()[0].periodCount, 3);
-  // Verification was switched to fail by the file as well.
-  const auto bought = store_->buyProduct("reader.monthly");
-  auto all = Transaction::all();
-  const auto element = all.next();
-  ASSERT_TRUE(element);
-  EXPECT_EQ(element->verificationError()->code(), VerificationError::Code::invalidSignature);
-  EXPECT_EQ(element->unsafePayloadValue().id(), bought.id());
-}
-
-TEST_F(FormatTest, Versions5And6ReadPeriodsOffersListsAndTimeRates) {
-  auto products = load("format_5_0.storekit", {"arcade.weekly", "life.one"});
-  ASSERT_EQ(products.size(), 2u);
-  EXPECT_EQ(products[0].displayPrice, "\xC2\xA3" "0.49");
-  EXPECT_EQ(products[1].subscription->subscriptionPeriod, (SubscriptionPeriod{1, Unit::week}));
-  EXPECT_EQ(store_->timeRate(), time_rate::kMonthlyRenewalEveryThirtySeconds);
-  LocalStore::setShared(previous_);
-
-  products = load("format_6_3.storekit", {"studio.bimonthly"});
-  ASSERT_EQ(products.size(), 1u);
-  const auto& sub = *products[0].subscription;
-  EXPECT_EQ(sub.subscriptionPeriod, (SubscriptionPeriod{2, Unit::month}));
-  ASSERT_TRUE(sub.introductoryOffer);
-  EXPECT_EQ(sub.introductoryOffer->paymentMode, OfferPaymentMode::payAsYouGo());
-  EXPECT_EQ(sub.introductoryOffer->periodCount, 2);
-  EXPECT_EQ(sub.introductoryOffer->displayPrice, "CA$5.99");
-  EXPECT_EQ(store_->timeRate(), time_rate::kOneRenewalEveryTenSeconds);
+TEST(StoreConfiguration, ReadsEveryFormatVersion) {
+  struct Row {
+    std::string file;
+    std::vector<std::string> ids;       // requested
+    std::vector<std::string> products;  // in the store's order
+    std::string store;                  // the store's settings, then what a purchase gives
+  };
+  const std::string eur = "\xC2\xA0\xE2\x82\xAC", yen = "\xEF\xBF\xA5", gbp = "\xC2\xA3";
+  const std::string sub = "Auto-Renewable Subscription, ";
+  const std::vector<Row> rows = {
+      {"format_1_1.storekit",  // a null introductory offer, empty settings
+       {"lessons.monthly", "hints.10", "lessons.year"},
+       {"hints.10: Consumable, Hint Pack, 1.99 $1.99 en_US/USD",
+        "lessons.year: Non-Renewing Subscription, Lesson Year, 29 $29.00 en_US/USD",
+        "lessons.monthly: " + sub +
+            "Lessons Monthly, 9.99 $9.99 en_US/USD; G100 Lessons level 1 "
+            "every 1M"},
+       "USA 143441 USD, askToBuy 0, timeRate 0, bought verified"},
+      {"format_2_0.storekit",
+       {"album.full", "photo.monthly"},
+       {"album.full: Non-Consumable, Album complet, 3.49 3,49" + eur + " fr_FR/EUR, family",
+        "photo.monthly: " + sub + "Photo Plus mensuel, 4.99 4,99" + eur +
+            " fr_FR/EUR; G200 Photo Plus (FR) level 1 every 1M intro(introductory - FREE_TRIAL "
+            "1x3D 0 0,00" +
+            eur + ") promo(promotional photo.winter PAY_AS_YOU_GO 2x1M 1.49 1,49" + eur + ")"},
+       "FRA 143442 EUR, askToBuy 0, timeRate 0, bought verified"},
+      {"format_3_1.storekit",  // no localization: the reference name
+       {"guild.yearly", "gems.bundle"},
+       {"gems.bundle: Consumable, Gem Bundle, 120 " + yen + "120 ja_JP/JPY",
+        "guild.yearly: " + sub + "Guild Yearly, 9800 " + yen + "9,800 ja_JP/JPY, family; G300 " +
+            "Guild level 1 every 1Y intro(introductory - PAY_UP_FRONT 1x1Y 4800 " + yen + "4,800)"},
+       "JPN 143462 JPY, askToBuy 1, timeRate 0, bought verified"},
+      {"format_4_0.storekit",  // de_AT's name for de_DE; simulated errors
+       {"reader.monthly"},
+       {"reader.monthly: " + sub + "Leser, 7.99 7,99" + eur + " de_DE/EUR; G400 Lesezirkel " +
+        "level 2 every 1M winBack(winBack reader.welcomeback PAY_AS_YOU_GO 3x1M 1.99 1,99" + eur +
+        ")"},
+       "loadProducts fails with networkError, DEU 143443 EUR, askToBuy 0, timeRate 0, bought "
+       "invalidSignature"},
+      {"format_5_0.storekit",
+       {"arcade.weekly", "life.one"},
+       {"life.one: Consumable, Extra Life, 0.49 " + gbp + "0.49 en_GB/GBP",
+        "arcade.weekly: " + sub + "Arcade Weekly, 1.49 " + gbp + "1.49 en_GB/GBP; G500 Arcade " +
+            "level 1 every 1W intro(introductory - FREE_TRIAL 1x3D 0 " + gbp + "0.00)"},
+       "GBR 143444 GBP, askToBuy 0, timeRate 15, bought verified"},
+      {"format_6_3.storekit",  // introductory offers as a list, an unknown setting
+       {"studio.bimonthly"},
+       {"studio.bimonthly: " + sub + "Studio, 15.99 CA$15.99 en_US/CAD; G600 Studio level 1 " +
+        "every 2M intro(introductory - PAY_AS_YOU_GO 2x2M 5.99 CA$5.99)"},
+       "CAN 143455 CAD, askToBuy 0, timeRate 1004, bought verified"},
+  };
+  const auto previous = LocalStore::setShared(nullptr);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.file);
+    const auto store = LocalStore::createFromFile(dataFile(row.file));
+    LocalStore::setShared(store);
+    std::ostringstream summary;
+    try {
+      Product::products(row.ids);
+    } catch (const StoreKitError& error) {
+      // A simulated error from the file itself.
+      summary << "loadProducts fails with " << error.caseName() << ", ";
+      store->setSimulatedError(StoreKitAPI::loadProducts, std::nullopt);
+    }
+    std::vector<std::string> products;
+    for (const auto& product : Product::products(row.ids)) products.push_back(describe(product));
+    EXPECT_EQ(products, row.products);
+    const auto storefront = Storefront::current().value();
+    summary << storefront.countryCode << " " << storefront.id << " " << storefront.currency
+            << ", askToBuy " << store->askToBuyEnabled() << ", timeRate " << store->timeRate();
+    store->buyProduct(row.ids.at(0));
+    const auto bought = Transaction::all().next();
+    summary << ", bought "
+            << (bought->isVerified() ? "verified" : bought->verificationError()->caseName());
+    EXPECT_EQ(summary.str(), row.store);
+  }
+  LocalStore::setShared(previous);
 }
 
 TEST(StoreConfiguration, RefusesBrokenFilesNamingThePlace) {
   const std::string product =
       R"({"productID":"a","type":"Consumable","displayPrice":"1.00","localizations":[]})";
   auto sub = [](const std::string& extra) {
-    return R"({"subscriptionGroups":[{"id":"G","subscriptions":[{"productID":"s","type":"RecurringSubscription","displayPrice":"1","recurringSubscriptionPeriod":"P1M")" +
+    return R"({"subscriptionGroups":[{"id":"G","subscriptions":[{"productID":"s",)"
+           R"("type":"RecurringSubscription","displayPrice":"1","recurringSubscriptionPeriod":"P1M")" +
            extra + "}]}]}";
   };
   const std::vector<std::pair<std::string, std::string>> cases = {
@@ -155,13 +144,13 @@ TEST(StoreConfiguration, RefusesBrokenFilesNamingThePlace) {
        "subscription period"},
       {sub(R"(,"introductoryOffer":{"paymentMode":"free","subscriptionPeriod":"P99999999Y"})"),
        "subscriptions[0].introductoryOffer.subscriptionPeriod: not a subscription period"},
-      {sub(R"(,"adHocOffers":[{"offerID":"o","paymentMode":"payAsYouGo","subscriptionPeriod":"P1M","numberOfPeriods":5000,"displayPrice":"1"}])"),
+      {sub(R"(,"adHocOffers":[{"offerID":"o","paymentMode":"payAsYouGo",)"
+           R"("subscriptionPeriod":"P1M","numberOfPeriods":5000,"displayPrice":"1"}])"),
        "subscriptions[0].adHocOffers[0].numberOfPeriods: must be between 1 and 999"},
       {sub(R"(,"introductoryOffer":{"paymentMode":"halfOff","subscriptionPeriod":"P1W"})"),
        "subscriptions[0].introductoryOffer.paymentMode: unknown payment mode \"halfOff\""},
-      {sub(R"(,"adHocOffers":[{"paymentMode":"free","subscriptionPeriod":"P1W"}])"),
-       "subscriptions[0].adHocOffers[0].offerID: missing"},
-      {R"({"settings":{"_storeKitErrors":[{"name":"Purchase","enabled":true,"current":"invalidEncoding"}]}})",
+      {R"({"settings":{"_storeKitErrors":[{"name":"Purchase","enabled":true,)"
+       R"("current":"invalidEncoding"}]}})",
        "settings._storeKitErrors[0].current: \"invalidEncoding\" cannot be simulated"},
       {R"({"version":{"major":"six"}})", "bad.storekit: version.major: expected a whole number"},
   };
@@ -174,28 +163,26 @@ TEST(StoreConfiguration, RefusesBrokenFilesNamingThePlace) {
           << error.what() << "\n  expected: " << message;
     }
   }
-  // A recurring period parses, then an unknown storefront is refused by the store.
+  // Parsed, but the store refuses a storefront it does not know.
   auto config = StoreConfiguration::parse(R"({"settings":{"_storefront":"XYZ"}})", "s.storekit");
   EXPECT_THROW(LocalStore::create(config), ConfigurationError);
   EXPECT_THROW(StoreConfiguration::load(dataFile("missing.storekit")), ConfigurationError);
 }
 
-TEST(StoreConfiguration, StorefrontTableAndPriceFormatting) {
+TEST(StoreConfiguration, EveryStorefrontsCurrencyFormatsExactly) {
   EXPECT_GE(knownStorefronts().size(), 20u);
   for (const auto& storefront : knownStorefronts()) {
-    EXPECT_EQ(storefront.countryCode.size(), 3u);
-    EXPECT_EQ(storefront.currency.size(), 3u);
-    EXPECT_EQ(storefrontForCountry(storefront.countryCode), storefront);
-    // Every currency of the table is one ICU can format.
     EXPECT_TRUE(formatPrice(dec("1"), "en_US", storefront.currency)) << storefront.currency;
   }
   EXPECT_EQ(storefrontForCountry("gbr")->id, "143444");
   EXPECT_FALSE(storefrontForCountry("XYZ"));
   // Exact decimals: no binary rounding on the way to ICU.
   EXPECT_EQ(formatPrice(dec("1234567.89"), "en_US", "USD"), "$1,234,567.89");
-  EXPECT_EQ(formatPrice(dec("0.1"), "de_CH", "CHF"), "CHF\xC2\xA0" "0.10");
+  EXPECT_EQ(formatPrice(dec("0.1"), "de_CH", "CHF"),
+            "CHF\xC2\xA0"
+            "0.10");
   EXPECT_FALSE(formatPrice(dec("1"), "en_US", "US"));
 }
 
 }  // namespace
-}  // namespace storekit::testing
+}  // namespace storekit
