@@ -1,13 +1,15 @@
-// The transaction observer against a simulated store: one loop at a time, every update
-// forwarded whether verified or not, a record that cannot be written dropped with one log
-// line, the end of an old loop stopping the current one, and a loop that outlives its
-// observer.
+// The transaction observer against a simulated store: unverified updates forwarded, a record
+// that cannot be written dropped with one log line, the end of an old loop stopping the
+// current one, calls and restarts all at once, a clean exit. (Starting, stopping, forwarding
+// through the plug-in and a loop outliving its observer: tests/integration/service_test.cpp.)
 #include "observer/transaction_observer.h"
 #include "platform/logger.h"
 #include "support/store_service.h"
 
 #include <gtest/gtest.h>
 
+#include <semaphore>
+#include <set>
 #include <thread>
 
 namespace {
@@ -15,69 +17,17 @@ namespace {
 using namespace testsupport;
 using VornTeskPaymentsAddonApple::TransactionObserver;
 
-std::uint64_t idOf(const EventLog::Event& event) {
-  return json::parse(event.payload).at("id").to_number<std::uint64_t>();
-}
-
-std::vector<std::uint64_t> idsOf(const std::vector<EventLog::Event>& events) {
-  std::vector<std::uint64_t> ids;
-  for (const auto& event : events) ids.push_back(idOf(event));
-  return ids;
-}
-
-class ObserverTest : public ::testing::Test {
+class ObserverTest : public ServiceTest {
  protected:
-  void SetUp() override {
-    store = storekit::LocalStore::createFromFile(kSampleStore);
-    previous_ = storekit::LocalStore::setShared(store);
-  }
   void TearDown() override {
     observer->stop();
-    storekit::LocalStore::setShared(previous_);
+    ServiceTest::TearDown();
   }
-
-  std::shared_ptr<storekit::LocalStore> store;
   std::shared_ptr<TransactionObserver> observer = std::make_shared<TransactionObserver>();
   EventLog events;
-
- private:
-  std::shared_ptr<storekit::LocalStore> previous_;
 };
 
-TEST_F(ObserverTest, OneLoopAtATimeForwardsEachUpdateOnce) {
-  observer->stop();
-  EXPECT_FALSE(observer->isRunning());
-  EXPECT_TRUE(observer->start());
-  EXPECT_FALSE(observer->start());
-  EXPECT_TRUE(observer->isRunning());
-  const auto first = store->buyProduct(kCoins).id();
-  ASSERT_EQ(events.waitFor(1).size(), 1u);
-  const auto second = store->buyProduct(kRemoveAds).id();
-  const auto got = events.waitFor(2);
-  // A second loop would have forwarded the first purchase twice by now.
-  EXPECT_EQ(idsOf(got), (std::vector<std::uint64_t>{first, second}));
-  for (const auto& event : got) {
-    EXPECT_EQ(event.name, "AppleStoreKitService.OnTransactionUpdate");
-    expectRecordOf(*store, json::parse(event.payload));
-  }
-  observer->stop();
-  observer->stop();
-  EXPECT_FALSE(observer->isRunning());
-}
-
-TEST_F(ObserverTest, UnverifiedUpdatesAreForwardedWithTheirStatusAndError) {
-  store->setSimulatedError(
-      storekit::StoreKitAPI::verification,
-      storekit::VerificationError(storekit::VerificationError::Code::invalidSignature));
-  ASSERT_TRUE(observer->start());
-  const auto id = store->buyProduct(kCoins).id();
-  const auto got = events.waitFor(1);
-  ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(idOf(got[0]), id);
-  expectRecordOf(*store, json::parse(got[0].payload), {2, 1});
-}
-
-TEST_F(ObserverTest, ARecordThatCannotBeWrittenIsDroppedWithOneErrorLine) {
+TEST_F(ObserverTest, UpdatesAreForwardedVerifiedOrNotAndUnwritableOnesDroppedWithOneLogLine) {
   struct Captured {
     std::mutex mutex;
     std::vector<platform::LogRecord> records;
@@ -96,9 +46,18 @@ TEST_F(ObserverTest, ARecordThatCannotBeWrittenIsDroppedWithOneErrorLine) {
   store->insertTransaction(broken);
 
   ASSERT_TRUE(observer->start());
+  EXPECT_TRUE(observer->isRunning());
+  ASSERT_EQ(events.waitFor(1).size(), 1u);
+  store->setSimulatedError(
+      storekit::StoreKitAPI::verification,
+      storekit::VerificationError(storekit::VerificationError::Code::invalidSignature));
   const auto later = store->buyProduct(kRemoveAds).id();
   const auto got = events.waitFor(2);
-  EXPECT_EQ(idsOf(got), (std::vector<std::uint64_t>{good.id(), later}));
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(idOf(got[0]), good.id());
+  expectRecordOf(*store, json::parse(got[0].payload));
+  EXPECT_EQ(idOf(got[1]), later);
+  expectRecordOf(*store, json::parse(got[1].payload), 2, 1);
   platform::Logger::setSink(previousSink);
 
   std::lock_guard lock(captured->mutex);
@@ -112,22 +71,21 @@ TEST_F(ObserverTest, ARecordThatCannotBeWrittenIsDroppedWithOneErrorLine) {
 
 TEST_F(ObserverTest, TheEndOfAnOldLoopStopsTheLoopStartedAfterIt) {
   // The first event holds its loop inside the listener until released.
-  auto entered = std::make_shared<Gate>();
-  auto release = std::make_shared<Gate>();
+  auto entered = std::make_shared<std::binary_semaphore>(0);
+  auto release = std::make_shared<std::binary_semaphore>(0);
   auto first = std::make_shared<std::atomic<bool>>(true);
   auto& dispatcher = vorn::tesk::TeskBridgeDispatcher::shared();
   const auto token = dispatcher.addEventListener([=](const auto&, const auto&) {
     if (!first->exchange(false)) return;
-    entered->open();
-    release->wait();
+    entered->release();
+    release->try_acquire_for(std::chrono::seconds(60));
   });
   ASSERT_TRUE(observer->start());
   store->buyProduct(kCoins);
-  ASSERT_TRUE(entered->wait());
+  ASSERT_TRUE(entered->try_acquire_for(std::chrono::seconds(60)));
   observer->stop();
   ASSERT_TRUE(observer->start());
-  EXPECT_TRUE(observer->isRunning());
-  release->open();
+  release->release();
   // The old loop sees its sequence end and stops whatever loop is current: the new one.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (observer->isRunning() && std::chrono::steady_clock::now() < deadline) {
@@ -138,16 +96,51 @@ TEST_F(ObserverTest, TheEndOfAnOldLoopStopsTheLoopStartedAfterIt) {
   dispatcher.removeEventListener(token);
 }
 
-TEST_F(ObserverTest, ALoopOutlivesItsObserverAndKeepsForwarding) {
-  auto orphan = std::make_shared<TransactionObserver>();
-  std::weak_ptr<TransactionObserver> watched = orphan;
-  ASSERT_TRUE(orphan->start());
-  orphan.reset();
-  EXPECT_TRUE(watched.expired());
-  const auto id = store->buyProduct(kCoins).id();
-  const auto got = events.waitFor(1);
-  ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(idOf(got[0]), id);
+// Run under the thread sanitizer too.
+TEST_F(ObserverTest, CallsGoOnWhileTheObserverForwardsAndIsRestarted) {
+  const std::string ok = R"({"success":{}})";
+  ASSERT_EQ(call("StartTransactionObserver"), ok);
+  // Outside purchases from several threads while the app calls: each one forwarded once, with
+  // an identifier of its own.
+  std::mutex mutex;
+  std::set<std::uint64_t> bought;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 10; ++i) {
+        const auto id = store->buyProduct(kCoins).id();
+        std::lock_guard lock(mutex);
+        bought.insert(id);
+      }
+    });
+  }
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_NE(purchase(kCoins), 0u);
+    EXPECT_EQ(call("GetUnfinishedTransactions").rfind(R"({"success":{"transactions":[)", 0), 0u);
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(bought.size(), 30u);
+  EXPECT_EQ(events.waitFor(30).size(), 30u);
+
+  // Restarts through the plug-in and of a second observer, against outside purchases,
+  // renewals and the app's own calls.
+  threads.clear();
+  threads.emplace_back([&] {
+    for (int i = 0; i < 50; ++i) observer->start(), observer->stop();
+  });
+  threads.emplace_back([&] {
+    for (int i = 0; i < 20; ++i) {
+      store->buyProduct(kCoins);
+      store->advanceTime(std::chrono::milliseconds(std::chrono::hours(24 * 8)));
+    }
+  });
+  EXPECT_NE(purchase(kPro), 0u);
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_EQ(call("StopTransactionObserver"), ok);
+    EXPECT_EQ(call("GetCurrentEntitlements").rfind(R"({"success":)", 0), 0u);
+    EXPECT_EQ(call("StartTransactionObserver"), ok);
+  }
+  for (auto& thread : threads) thread.join();
 }
 
 TEST(ObserverExitTest, TheProcessExitsCleanlyWhileALoopIsBusyWithUpdates) {

@@ -1,7 +1,6 @@
-// The whole service as a host sees it: a fresh simulated store loaded from the sample
-// configuration, the plug-in registered through the exported function, calls answered
-// through a dispatcher, update events collected, and the record a transaction should give,
-// worked out from the payload the store signed (not from the service's own output).
+// The service as a host sees it: a fresh store from the sample configuration, the plug-in
+// registered through the exported function, calls through the dispatcher, update events
+// collected, and the record a transaction should give, worked out from its signed payload.
 #pragma once
 
 #include "bridge/register_service.h"
@@ -15,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,54 +30,29 @@ inline const std::string kRemoveAds = "com.vorntesk.sample.removeads";
 inline const std::string kPro = "com.vorntesk.sample.pro.monthly";
 inline const std::string kBasic = "com.vorntesk.sample.basic.monthly";
 
-// A one-shot signal between threads; waits are generous and never a timing check.
-class Gate {
- public:
-  void open() {
-    std::lock_guard lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  bool wait() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
-
 // One call through `dispatcher`, waited for generously; "<no answer>" if none comes.
 inline std::string callService(vorn::tesk::TeskBridgeDispatcher& dispatcher,
                                const std::string& method, const std::string& payload = "{}") {
-  struct Answer {
-    Gate arrived;
-    std::string envelope;
-  };
-  auto answer = std::make_shared<Answer>();
-  dispatcher.callAsync("AppleStoreKitService", method, payload, [answer](std::string envelope) {
-    answer->envelope = std::move(envelope);
-    answer->arrived.open();
-  });
-  return answer->arrived.wait() ? answer->envelope : "<no answer>";
+  auto answer = std::make_shared<std::promise<std::string>>();
+  auto future = answer->get_future();
+  dispatcher.callAsync("AppleStoreKitService", method, payload,
+                       [answer](std::string envelope) { answer->set_value(std::move(envelope)); });
+  const bool ready = future.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+  return ready ? future.get() : "<no answer>";
 }
 
-// The update events a dispatcher delivers, kept in arrival order.
+// The update events the shared dispatcher delivers, in arrival order.
 class EventLog {
  public:
-  explicit EventLog(
-      vorn::tesk::TeskBridgeDispatcher& dispatcher = vorn::tesk::TeskBridgeDispatcher::shared())
-      : dispatcher_(dispatcher), state_(std::make_shared<State>()) {
-    token_ = dispatcher_.addEventListener(
+  EventLog() {
+    token_ = vorn::tesk::TeskBridgeDispatcher::shared().addEventListener(
         [state = state_](const std::string& name, const std::string& payload) {
           std::lock_guard lock(state->mutex);
           state->events.push_back({name, payload});
           state->changed.notify_all();
         });
   }
-  ~EventLog() { dispatcher_.removeEventListener(token_); }
+  ~EventLog() { vorn::tesk::TeskBridgeDispatcher::shared().removeEventListener(token_); }
 
   struct Event {
     std::string name;
@@ -97,48 +72,45 @@ class EventLog {
     std::condition_variable changed;
     std::vector<Event> events;
   };
-  vorn::tesk::TeskBridgeDispatcher& dispatcher_;
-  std::shared_ptr<State> state_;
+  std::shared_ptr<State> state_ = std::make_shared<State>();
   vorn::tesk::TeskBridgeDispatcher::ListenerToken token_ = 0;
 };
+
+inline std::uint64_t idOf(const EventLog::Event& event) {
+  return json::parse(event.payload).at("id").to_number<std::uint64_t>();
+}
 
 inline std::string rfc3339(std::int64_t milliseconds) {
   const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
   std::tm utc{};
   gmtime_r(&seconds, &utc);
-  char text[96];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
-                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                static_cast<int>(milliseconds % 1000));
-  return text;
-}
-
-inline std::string upper(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return text;
+  char text[32];
+  std::strftime(text, sizeof text, "%FT%T.", &utc);
+  return text + std::to_string(1000 + milliseconds % 1000).substr(1) + "Z";
 }
 
 // Thousandths of a currency unit as plain decimal text: 990 -> "0.99", 19990 -> "19.99".
 inline std::string thousandthsText(std::int64_t value) {
-  std::string text = std::to_string(value / 1000);
   std::string fraction = std::to_string(1000 + value % 1000).substr(1);
   while (!fraction.empty() && fraction.back() == '0') fraction.pop_back();
-  return fraction.empty() ? text : text + "." + fraction;
+  return std::to_string(value / 1000) + (fraction.empty() ? "" : "." + fraction);
 }
 
-struct RecordExpectation {
-  int verificationStatus = 1;
-  int verificationError = 0;
-  bool withAppTransactionId = true;  // 18.4 and later
-};
-
 // The AppleTransaction a transaction should give, key by key in the record's order, derived
-// from the App Store payload the store signed for it.
-inline json::object expectedRecord(const storekit::TestTransaction& stored,
-                                   RecordExpectation expectation = {}) {
+// from the App Store payload the store signed for it (appTransactionId: 18.4 and later).
+inline json::object expectedRecord(const storekit::TestTransaction& stored, int status = 1,
+                                   int error = 0, bool appTransactionId = true) {
   const json::object& p = stored.transaction->payload();
   auto text = [&](const char* key) { return std::string(p.at(key).as_string()); };
   auto has = [&](const char* key) { return p.contains(key) && !p.at(key).is_null(); };
+  auto number = [&](const char* key) { return has(key) ? p.at(key).as_int64() : -1; };
+  auto date = [&](const char* key) { return rfc3339(p.at(key).as_int64()); };
+  auto upper = [&](const char* key) {
+    std::string value = text(key);
+    for (char& c : value) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return value;
+  };
+  // Position (from 1) in `names`, 0 for any other value.
   auto code = [](const std::string& value, std::vector<std::string> names) {
     for (std::size_t i = 0; i < names.size(); ++i) {
       if (names[i] == value) return static_cast<std::int64_t>(i + 1);
@@ -152,32 +124,31 @@ inline json::object expectedRecord(const storekit::TestTransaction& stored,
   r["productType"] = code(
       text("type"),
       {"Consumable", "Non-Consumable", "Auto-Renewable Subscription", "Non-Renewing Subscription"});
-  r["purchaseDate"] = rfc3339(p.at("purchaseDate").as_int64());
-  r["originalPurchaseDate"] = rfc3339(p.at("originalPurchaseDate").as_int64());
-  if (has("expiresDate")) r["expirationDate"] = rfc3339(p.at("expiresDate").as_int64());
-  if (has("revocationDate")) r["revocationDate"] = rfc3339(p.at("revocationDate").as_int64());
+  r["purchaseDate"] = date("purchaseDate");
+  r["originalPurchaseDate"] = date("originalPurchaseDate");
+  if (has("expiresDate")) r["expirationDate"] = date("expiresDate");
+  if (has("revocationDate")) r["revocationDate"] = date("revocationDate");
   // The payload's 0 is "other" (2 in the record), 1 "developer issue" (1).
-  r["revocationReason"] = !has("revocationReason")                   ? 0
-                          : p.at("revocationReason").as_int64() == 1 ? 1
-                          : p.at("revocationReason").as_int64() == 0 ? 2
-                                                                     : 0;
+  r["revocationReason"] = number("revocationReason") == 1   ? 1
+                          : number("revocationReason") == 0 ? 2
+                                                            : 0;
   if (has("webOrderLineItemId")) r["webOrderLineItemId"] = text("webOrderLineItemId");
   if (has("subscriptionGroupIdentifier")) {
     r["subscriptionGroupId"] = text("subscriptionGroupIdentifier");
   }
-  if (has("appAccountToken")) r["appAccountToken"] = upper(text("appAccountToken"));
+  if (has("appAccountToken")) r["appAccountToken"] = upper("appAccountToken");
   r["quantity"] = has("quantity") ? p.at("quantity").as_int64() : 1;
   r["transactionReason"] = code(text("transactionReason"), {"PURCHASE", "RENEWAL"});
-  r["signedDate"] = rfc3339(p.at("signedDate").as_int64());
+  r["signedDate"] = date("signedDate");
   r["environment"] = code(text("environment"), {"Production", "Sandbox", "Xcode"});
   r["ownershipType"] = code(text("inAppOwnershipType"), {"PURCHASED", "FAMILY_SHARED"});
   r["jwsRepresentation"] = stored.jwsRepresentation;
-  r["verificationStatus"] = expectation.verificationStatus;
-  r["verificationError"] = expectation.verificationError;
+  r["verificationStatus"] = status;
+  r["verificationError"] = error;
   r["bundleId"] = text("bundleId");
   r["appBundleId"] = text("bundleId");
   r["isUpgraded"] = has("isUpgraded") && p.at("isUpgraded").as_bool();
-  r["offerType"] = has("offerType") ? p.at("offerType").as_int64() : 0;
+  r["offerType"] = number("offerType") >= 1 && number("offerType") <= 4 ? number("offerType") : 0;
   if (has("offerIdentifier")) r["offerId"] = text("offerIdentifier");
   if (has("offerDiscountType")) {
     r["offerPaymentModeStringRepresentation"] = text("offerDiscountType");
@@ -187,8 +158,8 @@ inline json::object expectedRecord(const storekit::TestTransaction& stored,
   if (has("currency")) r["currency"] = text("currency");
   r["storefrontCountryCode"] = text("storefront");
   r["deviceVerification"] = text("deviceVerification");
-  r["deviceVerificationNonce"] = upper(text("deviceVerificationNonce"));
-  if (expectation.withAppTransactionId) r["appTransactionId"] = text("appTransactionId");
+  r["deviceVerificationNonce"] = upper("deviceVerificationNonce");
+  if (appTransactionId) r["appTransactionId"] = text("appTransactionId");
   return r;
 }
 
@@ -202,12 +173,12 @@ inline storekit::TestTransaction storedTransaction(storekit::LocalStore& store, 
 }
 
 // Checks a record (as JSON) field by field, in order, against what the store signed.
-inline void expectRecordOf(storekit::LocalStore& store, const json::value& record,
-                           RecordExpectation expectation = {}) {
-  const auto id = record.as_object().at("id").to_number<std::uint64_t>();
-  const auto stored = storedTransaction(store, id);
+inline void expectRecordOf(storekit::LocalStore& store, const json::value& record, int status = 1,
+                           int error = 0, bool appTransactionId = true) {
+  const auto stored = storedTransaction(store, record.at("id").to_number<std::uint64_t>());
   if (!stored.transaction) return;
-  EXPECT_EQ(json::serialize(record), json::serialize(expectedRecord(stored, expectation)));
+  EXPECT_EQ(json::serialize(record),
+            json::serialize(expectedRecord(stored, status, error, appTransactionId)));
 }
 
 // A fresh store from the sample configuration installed as the process's store, and the
@@ -241,16 +212,6 @@ class ServiceTest : public ::testing::Test {
   std::uint64_t purchase(const std::string& productId) {
     const auto data = success("Purchase", R"({"productId":")" + productId + R"("})");
     return data.is_null() ? 0 : data.at("transaction").at("id").to_number<std::uint64_t>();
-  }
-  // The ids of one listing, in the order answered.
-  std::vector<std::uint64_t> listed(const std::string& method) {
-    std::vector<std::uint64_t> ids;
-    const auto data = success(method);
-    if (data.is_null()) return ids;
-    for (const auto& record : data.at("transactions").as_array()) {
-      ids.push_back(record.at("id").to_number<std::uint64_t>());
-    }
-    return ids;
   }
 
   std::shared_ptr<storekit::LocalStore> store;
