@@ -51,9 +51,11 @@ std::vector<VerificationResult<Transaction>> take(TransactionSequence& sequence,
   if (future.wait_for(wait) != std::future_status::ready) task.cancel();
   return future.get();
 }
-// The next element's transaction (throws, failing the test, when none comes).
+// The next element's transaction; the test fails when none comes.
 Transaction next(TransactionSequence& sequence, std::chrono::milliseconds wait = 2s) {
-  return take(sequence, 1, wait).at(0).unsafePayloadValue();
+  auto got = take(sequence, 1, wait);
+  if (got.empty()) throw std::runtime_error("nothing arrived on the sequence");
+  return got[0].unsafePayloadValue();
 }
 // True when nothing more arrives for a while.
 bool quiet(TransactionSequence& sequence) { return take(sequence, 1, 150ms).empty(); }
