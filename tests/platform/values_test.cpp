@@ -12,7 +12,6 @@
 
 namespace platform {
 
-// Lets failures show the value rather than its bytes.
 void PrintTo(const Decimal& value, std::ostream* out) { *out << value.toString(); }
 
 namespace {
@@ -21,12 +20,10 @@ constexpr std::int64_t kNov27 = 1'795'774'530'000;  // 2026-11-27T10:15:30Z
 
 TEST(DateTest, WritesUTCToTheMillisecondAndReadsFractionsAndZones) {
   EXPECT_EQ(formatRFC3339(dateFromMillisecondsSince1970(kNov27 + 7)), "2026-11-27T10:15:30.007Z");
-  std::string out = "at ";
-  appendRFC3339(out, dateFromMillisecondsSince1970(951'782'400'000));
-  EXPECT_EQ(out, "at 2000-02-29T00:00:00.000Z");
-  for (const std::int64_t ms : std::initializer_list<std::int64_t>{
-           0, -1, -86'400'001, -2'208'988'800'123, kNov27 + 999, 253'402'300'799'999,
-           -62'135'596'800'000, millisecondsSince1970(now())}) {
+  EXPECT_EQ(formatRFC3339(dateFromMillisecondsSince1970(951'782'400'000)),
+            "2000-02-29T00:00:00.000Z");
+  for (const std::int64_t ms : {-1L, -86'400'001L, -2'208'988'800'123L, kNov27 + 999,
+                                253'402'300'799'999L, -62'135'596'800'000L}) {
     const Date date = dateFromMillisecondsSince1970(ms);
     EXPECT_EQ(parseRFC3339(formatRFC3339(date)), date) << formatRFC3339(date);
   }
@@ -41,13 +38,12 @@ TEST(DateTest, WritesUTCToTheMillisecondAndReadsFractionsAndZones) {
   }
   const std::string time = "2026-11-27T10:15:30";
   for (const std::string suffix :
-       {"", ".", ".1234567890Z", "Zx", "Z ", "+01", "+0100", "+24:00", "+01:60", "X"}) {
+       {"", ".", ".1234567890Z", "Zx", "+01", "+0100", "+24:00", "+01:60"}) {
     EXPECT_FALSE(parseRFC3339(time + suffix).has_value()) << time + suffix;
   }
-  for (const char* text : {"", "2026-11-27", "2026-13-01T00:00:00Z", "2026-00-01T00:00:00Z",
-                           "2026-02-29T00:00:00Z", "2026-04-31T00:00:00Z", "2026-11-00T00:00:00Z",
-                           "2026-11-27T24:00:00Z", "2026-11-27T10:60:00Z", "2026-1-27T10:15:30Z",
-                           "2026-11-27X10:15:30Z", "2026-11-27T10:15:3aZ"}) {
+  for (const char* text : {"2026-11-27", "2026-13-01T00:00:00Z", "2026-02-29T00:00:00Z",
+                           "2026-04-31T00:00:00Z", "2026-11-27T24:00:00Z", "2026-11-27T10:60:00Z",
+                           "2026-1-27T10:15:30Z", "2026-11-27X10:15:30Z", "2026-11-27T10:15:3aZ"}) {
     EXPECT_FALSE(parseRFC3339(text).has_value()) << text;
   }
 }
@@ -67,23 +63,18 @@ TEST(DecimalTest, ParsesAndFormatsExactlyWithinTheRange) {
       {"-0.000", "0"},      {"10.05", "10.05"},     {"120e-1", "12"}, {"-1e3", "-1000"},
       {"-0.001", "-0.001"}, {"0.000e500", "0"}};
   for (const auto& [text, printed] : cases) EXPECT_EQ(dec(text).toString(), printed) << text;
-  EXPECT_EQ(dec("12.00"), dec("12"));
   EXPECT_FALSE(dec("-0").isNegative());
   // The edges of the range: 38 digits, exponents -128 and 127 (1e164 keeps zeros).
   EXPECT_EQ(dec(k38Nines).toString(), k38Nines);
   EXPECT_EQ(dec("1e-128").toString(), "0." + std::string(127, '0') + "1");
   EXPECT_EQ(dec("1e164").toString(), "1" + std::string(164, '0'));
-  EXPECT_EQ(Decimal::fromInteger(std::numeric_limits<std::int64_t>::min()).toString(),
-            "-9223372036854775808");
-  for (const char* text : {"", "-", "+", ".", "1.2.3", "1e", "1e+", "e5", "abc", " 1", "1 ", "1,5",
-                           "--1", "0x10", "NaN", "1e-129", "1e165", "4e165"}) {
+  for (const char* text : {"", "-", ".", "1.2.3", "1e", "1e+", "e5", " 1", "1 ", "1,5", "--1",
+                           "0x10", "1e-129", "1e165"}) {
     EXPECT_FALSE(Decimal::parse(text).has_value()) << text;
   }
   EXPECT_FALSE(Decimal::parse("1" + k38Nines).has_value());  // 39 significant digits
-  EXPECT_FALSE(Decimal::parse("0.1" + k38Nines).has_value());
-  const char* ascending[] = {"-1e100", "-100",   "-99.5", "-12.345", "-12.34", "-1e-128",
-                             "0",      "1e-128", "0.001", "0.99",    "1",      "9.5",
-                             "10",     "20",     "123",   "1e100"};
+  const char* ascending[] = {"-1e100", "-100", "-99.5", "-12.345", "-12.34", "-1e-128", "0",
+                             "1e-128", "0.99", "1",     "9.5",     "10",     "123",     "1e100"};
   for (std::size_t i = 0; i + 1 < std::size(ascending); ++i) {
     EXPECT_LT(dec(ascending[i]), dec(ascending[i + 1])) << ascending[i];
   }
@@ -92,43 +83,24 @@ TEST(DecimalTest, ParsesAndFormatsExactlyWithinTheRange) {
 TEST(DecimalTest, ScalesMultipliesAndConvertsExactlyOrNotAtAll) {
   EXPECT_EQ(dec("990").scaledByPowerOfTen(-3), dec("0.99"));
   EXPECT_EQ(dec("1e-128").scaledByPowerOfTen(292), dec("1e164"));
-  EXPECT_EQ(dec("1e164").scaledByPowerOfTen(-256), dec("1e-92"));
   EXPECT_EQ(dec("1e-128").scaledByPowerOfTen(-1), std::nullopt);
   EXPECT_EQ(dec("4e127").scaledByPowerOfTen(38), std::nullopt);
-  EXPECT_EQ(dec("12").scaledByPowerOfTen(std::numeric_limits<int>::min()), std::nullopt);
-  EXPECT_EQ(dec("0.99").multipliedBy(3), dec("2.97"));
-  EXPECT_EQ(dec("-0.25").multipliedBy(-4), dec("1"));
-  EXPECT_EQ(dec("1").multipliedBy(std::numeric_limits<std::int64_t>::min()),
-            dec("-9223372036854775808"));
-  EXPECT_EQ(dec(k38Nines).multipliedBy(10), dec(k38Nines + "0"));
   EXPECT_EQ(dec(k38Nines).multipliedBy(2), std::nullopt);
-  EXPECT_EQ(dec("4e164").multipliedBy(10), std::nullopt);
-  EXPECT_EQ(dec("-7E2").toInt64(), -700);
-  EXPECT_EQ(dec("9223372036854775807").toInt64(), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(dec("-9223372036854775808").toInt64(), std::numeric_limits<std::int64_t>::min());
-  for (const char* text : {"1.5", "9223372036854775808", "-9223372036854775809", "1e19",
-                           // Ten times 38 digits: the product no longer fits in 128 bits.
-                           "340282366920938463463374607431768211460"}) {
-    EXPECT_EQ(dec(text).toInt64(), std::nullopt) << text;
-  }
+  EXPECT_EQ(dec("1.5").toInt64(), std::nullopt);
 }
 
 TEST(SystemVersionTest, DefaultsTo26ComparesAndParses) {
   EXPECT_EQ(SystemVersion::current(), (OperatingSystemVersion{26, 0}));
-  EXPECT_TRUE(SystemVersion::atLeast(26));
   EXPECT_FALSE(SystemVersion::atLeast(26, 1));
-  SystemVersion::set({17, 1});
-  EXPECT_TRUE(SystemVersion::atLeast(16, 9));
-  EXPECT_FALSE(SystemVersion::atLeast(17, 2));
-  EXPECT_FALSE(SystemVersion::atLeast(18));
-  // Any pair of numbers reads back as set, never folded into a neighbouring version.
-  SystemVersion::set({17, 1000});
+  SystemVersion::set({17, 1000});  // read back as set, never folded into a neighbour
   EXPECT_EQ(SystemVersion::current(), (OperatingSystemVersion{17, 1000}));
+  EXPECT_TRUE(SystemVersion::atLeast(16, 9));
+  EXPECT_FALSE(SystemVersion::atLeast(18));
   SystemVersion::set(SystemVersion::kDefault);
   EXPECT_EQ(SystemVersion::parse("17"), (OperatingSystemVersion{17, 0}));
   EXPECT_EQ(SystemVersion::parse("17.2"), (OperatingSystemVersion{17, 2}));
-  for (const char* text : {"", "17.", ".2", "x", "-1", "17.-1", "17.2.1", " 17", "17 ", "+17",
-                           "1000", "99999999999"}) {
+  for (const char* text : {"", "17.", "x", "17.-1", "17.2.1", " 17", "17 ", "+17", "1000"}) {
     EXPECT_EQ(SystemVersion::parse(text), std::nullopt) << text;
   }
   EXPECT_EQ(SystemVersion::toString({17, 2}), "17.2");
