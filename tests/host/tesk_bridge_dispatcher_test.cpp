@@ -1,19 +1,16 @@
-// The host bridge: plug-ins kept, replaced and called by name, events for every listener from
-// any thread, and the error record that answers carry.
+// The host bridge: plug-ins kept, replaced and called by name, events, the error record.
 #include "host/tesk_bridge_dispatcher.h"
 #include "host/vorn_error.h"
 
 #include <gtest/gtest.h>
 #include <boost/json/serialize.hpp>
 
-#include <atomic>
 #include <thread>
 #include <vector>
 
 namespace vorn::tesk {
 namespace {
 
-// Answers every call at once with "<tag>:<method>:<payload>".
 struct EchoPlugin : TeskPlugin {
   explicit EchoPlugin(std::string tag) : tag(std::move(tag)) {}
   std::string callSync(const std::string& method, const std::string& payload) override {
@@ -49,51 +46,30 @@ TEST(TeskBridgeDispatcherTest, KeepsReplacesAndRoutesToPlugins) {
   EXPECT_EQ(second.use_count(), 1);
 }
 
-TEST(TeskBridgeDispatcherTest, DeliversEveryEventToEveryListenerFromManyThreads) {
+TEST(TeskBridgeDispatcherTest, DeliversEveryEventToEveryListenerFromAnyThread) {
   TeskBridgeDispatcher dispatcher;
-  constexpr int kThreads = 8, kEvents = kThreads * 400;
-  std::atomic<int> counts[3] = {}, garbled = 0;
-  TeskBridgeDispatcher::ListenerToken tokens[3];
-  for (int i = 0; i < 3; ++i) {
+  std::vector<std::string> events[2];
+  TeskBridgeDispatcher::ListenerToken tokens[2];
+  for (int i = 0; i < 2; ++i) {
     tokens[i] =
-        dispatcher.addEventListener([&, i](const std::string& name, const std::string& payload) {
-          if (name != "Store.OnUpdate" || payload != R"({"id":1})") ++garbled;
-          ++counts[i];
+        dispatcher.addEventListener([&, i](const std::string& name, const std::string& data) {
+          events[i].push_back(name + data);
         });
   }
-  std::vector<std::thread> emitters;
-  for (int t = 0; t < kThreads; ++t) {
-    emitters.emplace_back([&] {
-      for (int e = 0; e < kEvents / kThreads; ++e)
-        dispatcher.emitEvent("Store.OnUpdate", R"({"id":1})");
-    });
-  }
-  for (auto& emitter : emitters) emitter.join();
-  EXPECT_EQ(garbled, 0);
-  dispatcher.removeEventListener(tokens[1]);
-  dispatcher.emitEvent("Store.OnUpdate", R"({"id":1})");
-  EXPECT_EQ(counts[0], kEvents + 1);
-  EXPECT_EQ(counts[1], kEvents);
-  EXPECT_EQ(counts[2], kEvents + 1);
+  std::thread([&] { dispatcher.emitEvent("Store.OnUpdate", "1"); }).join();
+  dispatcher.removeEventListener(tokens[0]);
+  dispatcher.emitEvent("Store.OnUpdate", "2");
+  EXPECT_EQ(events[0], std::vector<std::string>{"Store.OnUpdate1"});
+  EXPECT_EQ(events[1], (std::vector<std::string>{"Store.OnUpdate1", "Store.OnUpdate2"}));
 }
 
-TEST(VornErrorTest, CodesTravelInUpperSnakeCaseAndMembersOnlyWhenPresentInFieldOrder) {
-  std::string wire;
-  for (int code = 0; code <= static_cast<int>(VornErrorCode::unauthenticated); ++code) {
-    wire.append(wireString(static_cast<VornErrorCode>(code))).push_back(' ');
-  }
-  EXPECT_EQ(wire,
-            "CANCELLED UNKNOWN INVALID_ARGUMENT DEADLINE_EXCEEDED NOT_FOUND ALREADY_EXISTS "
-            "PERMISSION_DENIED RESOURCE_EXHAUSTED FAILED_PRECONDITION ABORTED OUT_OF_RANGE "
-            "UNIMPLEMENTED INTERNAL UNAVAILABLE DATA_LOSS UNAUTHENTICATED ");
-  // Optional members only when present, empty ones included (every member: tests/bridge).
-  VornError error{VornErrorCode::internalError, "Boom \"quoted\""};
-  EXPECT_EQ(boost::json::serialize(error.toJSONObject()),
-            R"({"code":"INTERNAL","message":"Boom \"quoted\""})");
+TEST(VornErrorTest, CodesTravelInUpperSnakeCaseAndEmptyMembersArePresent) {
+  EXPECT_EQ(wireString(VornErrorCode::deadlineExceeded), "DEADLINE_EXCEEDED");
+  VornError error{VornErrorCode::unauthenticated, "Boom"};
   error.details = std::map<std::string, std::string>{};
   error.instance = "";
   EXPECT_EQ(boost::json::serialize(error.toJSONObject()),
-            R"({"code":"INTERNAL","message":"Boom \"quoted\"","details":{},"instance":""})");
+            R"({"code":"UNAUTHENTICATED","message":"Boom","details":{},"instance":""})");
 }
 
 }  // namespace

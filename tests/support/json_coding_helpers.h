@@ -1,4 +1,4 @@
-// One-line coding through the host's coders, and the description of the error it raises.
+// One-line coding through the host's coders, and the description of its error ("" if none).
 #pragma once
 
 #include "host/json_coding.h"
@@ -18,19 +18,16 @@ T decoded(std::string_view text) {
   return vorn::tesk::TeskJSONCoding::makeDecoder().decode<T>(text);
 }
 
-// The description of the error that decoding `text` (or encoding `value`) raises; "" if none.
 template <class T>
 std::string decodingError(std::string_view text) try {
-  (void)decoded<T>(text);
-  return "";
+  return (void)decoded<T>(text), "";
 } catch (const vorn::tesk::DecodingError& error) {
   return error.description();
 }
 
 template <class T>
 std::string encodingError(const T& value) try {
-  (void)encoded(value);
-  return "";
+  return (void)encoded(value), "";
 } catch (const vorn::tesk::EncodingError& error) {
   return error.description();
 }
