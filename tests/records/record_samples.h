@@ -8,9 +8,9 @@
 
 namespace VornTeskPaymentsAddonApple::samples {
 
+// clang-format off
 inline AppleTransaction minimalTransaction() {
   const platform::Date date = platform::dateFromMillisecondsSince1970(1'748'779'200'000);
-  // clang-format off
   return {.id = 1, .originalId = 1, .productId = "coins",
           .productType = AppleProductType::consumable, .purchaseDate = date,
           .originalPurchaseDate = date, .quantity = 1,
@@ -18,8 +18,13 @@ inline AppleTransaction minimalTransaction() {
           .environment = AppleEnvironment::production,
           .ownershipType = AppleOwnershipType::purchased,
           .verificationStatus = AppleVerificationStatus::verified, .bundleId = "com.example.app"};
-  // clang-format on
 }
+
+inline AppleProduct coinsProduct() {
+  return {"coins", "100 Coins", "A \"pile\"", "$0.99", *platform::Decimal::parse("0.99"), "en_US",
+          AppleProductType::consumable, std::nullopt, false};
+}
+// clang-format on
 
 inline constexpr std::string_view kMinimalTransactionJSON =
     R"({"id":1,"originalId":1,"productId":"coins","productType":1,)"
@@ -30,18 +35,6 @@ inline constexpr std::string_view kMinimalTransactionJSON =
     R"("jwsRepresentation":"","verificationStatus":1,"verificationError":0,)"
     R"("bundleId":"com.example.app","isUpgraded":false,"offerType":0,)"
     R"("storefrontCountryCode":"","deviceVerification":"","deviceVerificationNonce":""})";
-
-inline AppleProduct coinsProduct() {
-  return {"coins",
-          "100 Coins",
-          "A \"pile\"",
-          "$0.99",
-          *platform::Decimal::parse("0.99"),
-          "en_US",
-          AppleProductType::consumable,
-          std::nullopt,
-          false};
-}
 
 inline constexpr std::string_view kCoinsJSON =
     R"({"id":"coins","displayName":"100 Coins","description":"A \"pile\"","displayPrice":"$0.99",)"
