@@ -1,13 +1,10 @@
-// An adapter whose every operation counts the call and answers what its hook returns (the
-// success case by default), and which records the cancellations that reached it.
+// An adapter whose operations (counted; success by default) and cancellation call hooks.
 #pragma once
 
 #include "adapter/native_adapter.h"
 
 #include <atomic>
 #include <functional>
-#include <mutex>
-#include <vector>
 
 namespace testsupport {
 
@@ -35,19 +32,8 @@ class ScriptedAdapter : public AppleStoreKitServiceNativeAdapter {
   VORNTESK_SCRIPTED(GetStorefront, getStorefront, onStorefront)
 
   std::atomic<int> operationCalls{0};
-
-  void onCancel(std::int64_t callbackId) override {
-    std::lock_guard lock(mutex_);
-    cancelled_.push_back(callbackId);
-  }
-  std::vector<std::int64_t> cancelledIds() const {
-    std::lock_guard lock(mutex_);
-    return cancelled_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::int64_t> cancelled_;
+  std::function<void(std::int64_t)> onCancelHook = [](std::int64_t) {};
+  void onCancel(std::int64_t callbackId) override { onCancelHook(callbackId); }
 };
 
 #undef VORNTESK_SCRIPTED
