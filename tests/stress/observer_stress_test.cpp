@@ -1,15 +1,12 @@
-// Store updates made one after another while the observer is started and stopped at random
-// through the plug-in. Each loop of the observer (one task, told apart by the stop token of the
-// task that emits) must emit what its subscription received once each, in the order made: one
-// unbroken run of consecutive updates, reaching at least the last update made before its
-// cancellation was requested. (Updates made while no loop listens, or between a loop's
-// cancellation and its end, may or may not be emitted: neither is observable.)
+// Store updates while the observer starts and stops at random: each loop (told apart by its
+// stop token) emits one unbroken run reaching at least the last update before its cancel.
 #include "platform/json.h"
 #include "platform/task.h"
 #include "support/store_service.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <limits>
@@ -21,8 +18,7 @@ namespace {
 
 using namespace testsupport;
 
-// A tenth of the updates under a sanitizer, where the full count would take minutes (g++ marks
-// those builds with macros, clang answers __has_feature).
+// A tenth of the updates under a sanitizer, where the full count would take minutes.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define VORNTESK_SANITIZED 1
 #elif defined(__has_feature)
@@ -41,8 +37,7 @@ struct Loop {
   std::stop_token token;
   std::vector<std::uint64_t> ids;  // the transaction ids it emitted, in order
   std::atomic<bool> registering{true};
-  // Updates completed when the loop's cancellation was requested; kUnknown when it was
-  // requested before the loop's first event was seen.
+  // Updates made when its cancellation was asked; kUnknown if asked before its first event.
   std::atomic<std::size_t> madeBeforeCancel{kUnknown};
   std::unique_ptr<std::stop_callback<std::function<void()>>> watch;
 };
@@ -53,7 +48,6 @@ struct Book {
   std::vector<std::unique_ptr<Loop>> loops;
   std::size_t wrongEvents = 0;
 
-  // Called on the emitting loop's own thread.
   void record(const std::string& name, const std::string& payload) {
     const auto parsed = platform::parseJSON(payload);
     const auto token = platform::Task::currentStopToken();
@@ -62,15 +56,13 @@ struct Book {
       ++wrongEvents;
       return;
     }
-    Loop* loop = nullptr;
-    for (auto it = loops.rbegin(); it != loops.rend() && !loop; ++it) {
-      if ((*it)->token == token) loop = it->get();
-    }
+    auto it =
+        std::find_if(loops.rbegin(), loops.rend(), [&](auto& l) { return l->token == token; });
+    Loop* loop = it == loops.rend() ? nullptr : it->get();
     if (!loop) {
       loop = loops.emplace_back(std::make_unique<Loop>()).get();
       loop->token = token;
-      // Runs at once, on this thread, if cancellation was already requested: too late to
-      // know when, so that case stays unknown.
+      // Runs at once if cancellation was already asked: too late to know when.
       loop->watch =
           std::make_unique<std::stop_callback<std::function<void()>>>(token, [this, loop] {
             if (!loop->registering.load()) loop->madeBeforeCancel.store(made.load());
@@ -84,9 +76,7 @@ struct Book {
 class ObserverStress : public ServiceTest {};
 
 TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
-  const std::size_t updates = kUpdates;
-  // The first updates sequence would replay what is unfinished: take it now, while there is
-  // nothing. Unverified updates are forwarded like any other, without full signature checks.
+  // Take the first (replaying) sequence now; unverified updates skip the signature checks.
   (void)store->updates();
   store->setSimulatedError(
       storekit::StoreKitAPI::verification,
@@ -99,36 +89,31 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
 
   std::mutex paceMutex;
   std::condition_variable paced;
-  std::vector<std::uint64_t> ids(updates);
+  std::vector<std::uint64_t> ids(kUpdates);
   std::thread pusher([&] {
-    for (std::size_t i = 0; i < updates; ++i) {
+    for (std::size_t i = 0; i < kUpdates; ++i) {
       ids[i] = store->buyProduct(kCoins).id();
       book->made.fetch_add(1);
-      {
-        std::lock_guard lock(paceMutex);
-        paced.notify_all();
-      }
-      // Now and then let the loops catch up and forget the history, so memory stays flat.
+      std::lock_guard<std::mutex>{paceMutex}, paced.notify_all();
+      // Now and then let the loops catch up and forget history, so memory stays flat.
       if (i % 256 == 255) (void)store->waitUntilUpdatesDelivered(std::chrono::milliseconds(2));
       if (i % 10'000 == 9'999) store->clearTransactions();
     }
   });
-  // Starts and stops at random, each phase lasting a random number of updates.
-  std::mt19937 random(2024);
+  std::mt19937 random(2024);  // each phase lasts a random number of updates
   auto waitForUpdates = [&](std::size_t count) {
     std::unique_lock lock(paceMutex);
-    const std::size_t target = std::min(updates, book->made.load() + count);
+    const std::size_t target = std::min(kUpdates, book->made.load() + count);
     paced.wait(lock, [&] { return book->made.load() >= target; });
   };
-  while (book->made.load() < updates) {
+  while (book->made.load() < kUpdates) {
     EXPECT_EQ(call("StartTransactionObserver"), R"({"success":{}})");
     waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 64)(random));
     EXPECT_EQ(call("StopTransactionObserver"), R"({"success":{}})");
     waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 8)(random));
   }
   pusher.join();
-  // Until every loop has emitted all it received, in short rounds: a sequence ending just then
-  // makes a round come back false.
+  // Short rounds until every loop has emitted all it received (a sequence ending fails one).
   bool delivered = false;
   for (int round = 0; round < 1200 && !delivered; ++round) {
     delivered = store->waitUntilUpdatesDelivered(std::chrono::milliseconds(100));
@@ -138,18 +123,16 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
 
   std::lock_guard lock(book->mutex);
   EXPECT_EQ(book->wrongEvents, 0u);
-  for (std::size_t i = 1; i < updates; ++i)
+  for (std::size_t i = 1; i < kUpdates; ++i)
     ASSERT_EQ(ids[i], ids[0] + i) << "updates are not consecutive";
-  // Violations are counted, not listed, so a broken loop does not bury the report.
   std::size_t emitted = 0, broken = 0, cutShort = 0;
   for (const auto& loop : book->loops) {
     const auto& run = loop->ids;
     emitted += run.size();
-    for (std::size_t k = 0; k < run.size(); ++k) {
-      if (run[k] < ids[0] || run[k] > ids.back() || (k > 0 && run[k] != run[k - 1] + 1)) {
-        ++broken;
-        break;
-      }
+    const auto gap = [](std::uint64_t a, std::uint64_t b) { return b != a + 1; };
+    if (std::adjacent_find(run.begin(), run.end(), gap) != run.end() ||
+        (!run.empty() && (run.front() < ids[0] || run.back() > ids.back()))) {
+      ++broken;
     }
     const std::size_t cancelledAt = loop->madeBeforeCancel.load();
     if (cancelledAt != kUnknown && !run.empty() && run.front() - ids[0] < cancelledAt &&
@@ -160,7 +143,6 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
   EXPECT_EQ(broken, 0u) << "loops whose events are not one unbroken run of updates";
   EXPECT_EQ(cutShort, 0u) << "loops that ended short of their cancellation";
   EXPECT_GT(emitted, 0u);
-  for (auto& loop : book->loops) loop->watch.reset();
 }
 
 }  // namespace
