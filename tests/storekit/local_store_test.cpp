@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <future>
-#include <semaphore>
-#include <thread>
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
@@ -34,31 +32,24 @@ IDs ids(TransactionSequence sequence) {
   return result;
 }
 
-// Reads up to `count` elements of `sequence` inside a task, giving up after `wait`.
-std::vector<VerificationResult<Transaction>> take(TransactionSequence& sequence, std::size_t count,
-                                                  std::chrono::milliseconds wait = 2s) {
-  auto promise = std::make_shared<std::promise<std::vector<VerificationResult<Transaction>>>>();
+// The next element's transaction, read inside a task; nothing if none comes within `wait`.
+std::optional<Transaction> read(TransactionSequence& sequence, std::chrono::milliseconds wait) {
+  auto promise = std::make_shared<std::promise<std::optional<Transaction>>>();
   auto future = promise->get_future();
-  auto task = platform::Task::run([&sequence, count, promise] {
-    std::vector<VerificationResult<Transaction>> got;
-    while (got.size() < count) {
-      auto element = sequence.next();
-      if (!element) break;
-      got.push_back(std::move(*element));
-    }
-    promise->set_value(std::move(got));
+  auto task = platform::Task::run([&sequence, promise] {
+    const auto element = sequence.next();
+    promise->set_value(element ? std::optional(element->unsafePayloadValue()) : std::nullopt);
   });
-  if (future.wait_for(wait) != std::future_status::ready) task.cancel();
+  if (future.wait_for(wait) == std::future_status::ready) return future.get();
+  task.cancel();  // a waiting next() then returns nothing promptly
+  EXPECT_EQ(future.wait_for(1s), std::future_status::ready) << "a cancelled read goes on";
   return future.get();
 }
-// The next element's transaction; the test fails when none comes.
 Transaction next(TransactionSequence& sequence, std::chrono::milliseconds wait = 2s) {
-  auto got = take(sequence, 1, wait);
-  if (got.empty()) throw std::runtime_error("nothing arrived on the sequence");
-  return got[0].unsafePayloadValue();
+  if (auto transaction = read(sequence, wait)) return *transaction;
+  throw std::runtime_error("nothing arrived on the sequence");
 }
-// True when nothing more arrives for a while.
-bool quiet(TransactionSequence& sequence) { return take(sequence, 1, 150ms).empty(); }
+bool quiet(TransactionSequence& sequence) { return !read(sequence, 150ms); }
 
 // What the three listings show, in their order.
 void expectLists(const IDs& all, const IDs& unfinished, const IDs& entitlements) {
@@ -82,7 +73,6 @@ class StoreTest : public ::testing::Test {
 };
 
 namespace json = boost::json;
-using Code = PurchaseError::Code;
 using Reason = Transaction::RevocationReason;
 platform::Decimal dec(const char* text) { return *platform::Decimal::parse(text); }
 constexpr double kDay = 24 * 3600;
@@ -97,7 +87,6 @@ TEST_F(StoreTest, PurchaseMakesASignedTransactionThatFinishingDropsFromHistory) 
   EXPECT_EQ(t.jsonRepresentation(), text);
   auto payload = json::parse(text).as_object();
   EXPECT_EQ(payload.at("originalTransactionId"), payload.at("transactionId"));
-  EXPECT_LE(std::chrono::abs(t.purchaseDate() - store_->now()), 5s);
   // The device's copy proves which device it was made for.
   std::string lower =
       t.deviceVerificationNonce().uuidString() + store_->deviceIdentifier().uuidString();
@@ -125,8 +114,6 @@ TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpi
   auto updates = Transaction::updates();
   const auto trialID = buy(kPro);
   const auto trial = store_->allTransactions().at(0).transaction.value();
-  EXPECT_EQ(trial.offer()->paymentMode, OfferPaymentMode::freeTrial());
-  EXPECT_EQ(trial.price(), dec("0"));
   EXPECT_EQ(*trial.expirationDate() - trial.purchaseDate(), std::chrono::days(7));
   EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{trialID});
 
@@ -135,10 +122,7 @@ TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpi
   EXPECT_EQ(renewal.originalID(), trialID);
   EXPECT_EQ(renewal.reason(), Transaction::Reason::renewal());
   EXPECT_EQ(renewal.purchaseDate(), *trial.expirationDate());
-  EXPECT_EQ(renewal.originalPurchaseDate(), trial.purchaseDate());
-  EXPECT_FALSE(renewal.offer());
   EXPECT_EQ(renewal.price(), dec("6.99"));
-  EXPECT_NE(renewal.webOrderLineItemID(), trial.webOrderLineItemID());
   // Delivered without being finished: the app still has to finish both.
   IDs both{trialID, renewal.id()};
   expectLists(both, both, {renewal.id()});
@@ -157,43 +141,29 @@ TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpi
   EXPECT_EQ(forced.reason(), Transaction::Reason::renewal());
   EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{forced.id()});
   store_->expireSubscription(kPro);
-  EXPECT_LE(*store_->allTransactions().back().transaction->expirationDate(), store_->now());
   store_->advanceTime(60 * kDay);
   EXPECT_TRUE(quiet(updates));  // expiry is not a transaction
   EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
   EXPECT_THROW(store_->expireSubscription(kPro), std::invalid_argument);
 }
 
-TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndUpgradesReplaceTheEntitlement) {
+TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndAnUpgradeReplacesTheEntitlement) {
   auto updates = Transaction::updates();
   const auto first = buy(kBasic);
   std::vector<std::string> prices{store_->allTransactions().at(0).transaction->price()->toString()};
   for (int month = 0; month < 3; ++month) {
     store_->advanceTime(31 * kDay);
-    const auto renewed = next(updates);
-    prices.push_back(renewed.price()->toString());
-    EXPECT_EQ(renewed.offerPaymentModeStringRepresentation(),
-              month < 2 ? std::optional<std::string>("PAY_AS_YOU_GO") : std::nullopt);
+    prices.push_back(next(updates).price()->toString());
   }
   EXPECT_EQ(prices, (std::vector<std::string>{"0.99", "0.99", "0.99", "2.99"}));
 
   // A higher tier takes over at once, in the same subscription.
-  const auto basicLatest = ids(Transaction::currentEntitlements()).at(0);
   const auto pro = buy(kPro);
   const auto all = store_->allTransactions();
-  EXPECT_TRUE(std::find_if(all.begin(), all.end(), [&](auto& t) {
-                return t.identifier == basicLatest;
-              })->transaction->isUpgraded());
+  EXPECT_TRUE(all.at(3).transaction->isUpgraded());  // the latest renewal of Basic
   EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{pro});
   EXPECT_EQ(all.back().transaction->originalID(), first);
   EXPECT_FALSE(all.back().transaction->offer());  // no second introductory offer in the group
-
-  // A lower tier waits for the next renewal.
-  EXPECT_EQ(buy(kBasic), pro);
-  store_->advanceTime(31 * kDay);
-  const auto renewed = next(updates);
-  EXPECT_EQ(renewed.productID(), kBasic);
-  EXPECT_EQ(renewed.originalID(), first);
 }
 
 TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
@@ -215,8 +185,6 @@ TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
 
   store_->declineAskToBuyTransaction(history[1].identifier);
   EXPECT_TRUE(quiet(updates));
-  EXPECT_EQ(store_->allTransactions()[1].state, TestTransaction::State::declined);
-  EXPECT_THROW(store_->approveAskToBuyTransaction(history[1].identifier), std::invalid_argument);
   store_->approveAskToBuyTransaction(history[0].identifier);
   EXPECT_EQ(next(updates).productID(), kRemoveAds);
   store_->resolveIssueForTransaction(history[2].identifier);
@@ -230,10 +198,7 @@ TEST_F(StoreTest, OfferCodesAndPromotionalOffersBoughtOutsideTheApp) {
   const auto code = store_->redeemOfferCode(kPro, "Spring Code");
   EXPECT_EQ(next(updates).id(), code.id());
   EXPECT_EQ(code.offerType(), Transaction::OfferType::code());
-  EXPECT_EQ(code.offerPaymentModeStringRepresentation(), "PAY_AS_YOU_GO");
   EXPECT_EQ(code.price(), dec("0.99"));
-  EXPECT_EQ(code.backingString("offerPeriod"), "P2M");
-  EXPECT_THROW(store_->redeemOfferCode(kPro, "Autumn Code"), PurchaseError);
   store_->clearTransactions();
 
   const auto promo = PurchaseOption::promotionalOffer("trailclub.comeback.sixmonths", "KEY1",
@@ -241,31 +206,12 @@ TEST_F(StoreTest, OfferCodesAndPromotionalOffersBoughtOutsideTheApp) {
   const auto outside = store_->buyProduct(kPro, {promo});
   EXPECT_EQ(next(updates).id(), outside.id());
   EXPECT_EQ(outside.offer()->type, Transaction::OfferType::promotional());
-  EXPECT_EQ(outside.offer()->id, "trailclub.comeback.sixmonths");
-  EXPECT_EQ(outside.offer()->paymentMode, OfferPaymentMode::payUpFront());
-  EXPECT_EQ(outside.offerPeriodStringRepresentation(), "P6M");
   EXPECT_EQ(outside.price(), dec("19.99"));
-  // Already subscribed to that product: a code gives nothing new.
-  EXPECT_EQ(store_->redeemOfferCode(kPro, "Spring Code").id(), outside.id());
   expectLists({outside.id()}, {outside.id()}, {outside.id()});
 
-  // Refused options leave no trace.
-  const auto basic = Product::products({kBasic}).at(0);
-  auto refusal = [&](std::vector<PurchaseOption> options) {
-    try {
-      basic.purchase(options);
-    } catch (const PurchaseError& error) {
-      return error.code();
-    }
-    return static_cast<Code>(-1);
-  };
-  const auto nonce = platform::UUID::random();
-  EXPECT_EQ(refusal({PurchaseOption::quantity(11)}), Code::invalidQuantity);
-  EXPECT_EQ(refusal({PurchaseOption::quantity(0)}), Code::invalidQuantity);
-  EXPECT_EQ(refusal({PurchaseOption::promotionalOffer("nope", "K", nonce, "AA==", 1)}),
-            Code::invalidOfferIdentifier);
-  EXPECT_EQ(refusal({PurchaseOption::promotionalOffer("x", "", nonce, "AA==", 1)}),
-            Code::missingOfferParameters);
+  // A refused option leaves no trace.
+  EXPECT_THROW(Product::products({kBasic}).at(0).purchase({PurchaseOption::quantity(11)}),
+               PurchaseError);
   EXPECT_EQ(ids(Transaction::all()), IDs{outside.id()});
 }
 
@@ -283,12 +229,8 @@ TEST_F(StoreTest, RefundRevokesReSignsAndRemovesTheEntitlementAndClearingForgets
   // A refunded subscription does not renew.
   store_->advanceTime(10 * kDay);
   EXPECT_TRUE(quiet(updates));
-  EXPECT_THROW(store_->refundTransaction(adsID), std::invalid_argument);
-  // Buying again after a refund is a new purchase.
-  EXPECT_NE(buy(kRemoveAds), adsID);
 
   store_->clearTransactions();
-  EXPECT_TRUE(store_->allTransactions().empty());
   expectLists({}, {}, {});
   EXPECT_TRUE(quiet(updates));
   // After clearing, the group's introductory offer is available again.
@@ -296,13 +238,7 @@ TEST_F(StoreTest, RefundRevokesReSignsAndRemovesTheEntitlementAndClearingForgets
   EXPECT_TRUE(store_->allTransactions().back().transaction->offer());
 }
 
-TEST_F(StoreTest, SimulatedErrorsTakeOnlyTheirKindsAndTamperedTokensFailVerification) {
-  // Each API takes only the errors it can throw.
-  EXPECT_THROW(store_->setSimulatedError(StoreKitAPI::verification, StoreKitError::unknown()),
-               std::invalid_argument);
-  EXPECT_THROW(
-      store_->setSimulatedError(StoreKitAPI::loadProducts, PurchaseError(Code::invalidQuantity)),
-      std::invalid_argument);
+TEST_F(StoreTest, TamperedTokensFailVerification) {
   const auto second = buy(kRemoveAds);
   // A token altered after signing comes out unverified with an invalid signature.
   auto jws = store_->allTransactions()[0].jwsRepresentation;
@@ -315,8 +251,6 @@ TEST_F(StoreTest, SimulatedErrorsTakeOnlyTheirKindsAndTamperedTokensFailVerifica
   const auto element = entitlements.next();
   EXPECT_EQ(element->verificationError()->code(), VerificationError::Code::invalidSignature);
   EXPECT_EQ(element->unsafePayloadValue().purchasedQuantity(), 9);
-  EXPECT_EQ(element->jwsRepresentation(), tampered);
-  EXPECT_THROW(element->payloadValue(), VerificationError);
   // One that cannot be read at all comes out with the stored transaction.
   store_->replaceSignedTransaction(second, jws.substr(0, jws.rfind('.')));
   const auto unreadable = Transaction::currentEntitlements().next();
@@ -333,30 +267,20 @@ TEST_F(StoreTest, StorefrontLocaleAndPurchaseResultControls) {
   buy(kCoins);
   const auto t = store_->allTransactions().back().transaction.value();
   EXPECT_EQ(t.storefront(), (Storefront{"DEU", "143443", "EUR"}));
-  EXPECT_EQ(t.currency(), "EUR");
-  EXPECT_THROW(store_->setStorefront("ATLANTIS"), std::invalid_argument);
   store_->setStorefrontAvailable(false);
   EXPECT_FALSE(Storefront::current());
-  store_->setStorefrontAvailable(true);
-  EXPECT_EQ(Storefront::current()->countryCode, "DEU");
 
   // A next result is used once.
   store_->setNextPurchaseResult(LocalStore::NextPurchaseResult::userCancelled);
   EXPECT_TRUE(std::holds_alternative<PurchaseResult::UserCancelled>(coins.purchase().value));
   EXPECT_TRUE(std::holds_alternative<PurchaseResult::Success>(coins.purchase().value));
-  EXPECT_EQ(ids(Transaction::all()).size(), 2u);  // with the first
-
-  // Identifiers as given: unknown ones left out, repeated ones repeated, store order kept.
-  std::vector<std::string> got;
-  for (const auto& p : Product::products({kPro, "nope", kCoins, kPro})) got.push_back(p.id);
-  EXPECT_EQ(got, (std::vector<std::string>{kCoins, kPro, kPro}));
 
   store_->resetToDefaultState();
   EXPECT_EQ(store_->storefront(), "USA");
   EXPECT_TRUE(store_->allTransactions().empty());
 }
 
-TEST_F(StoreTest, UpdatesReplayUnfinishedOnceBroadcastAndEndOnCancellation) {
+TEST_F(StoreTest, UpdatesReplayUnfinishedOnceAndBroadcastTheRest) {
   buy(kCoins);
   const auto unfinished = buy(kRemoveAds);
   Transaction::all().next()->unsafePayloadValue().finish();
@@ -369,44 +293,6 @@ TEST_F(StoreTest, UpdatesReplayUnfinishedOnceBroadcastAndEndOnCancellation) {
   const auto outside = store_->buyProduct(kSeasonPass);
   EXPECT_EQ(next(first).id(), outside.id());
   EXPECT_EQ(next(second).id(), outside.id());
-
-  // A waiting next() returns nothing promptly once its task is cancelled.
-  std::binary_semaphore ended(0);
-  auto task = platform::Task::run([&] {
-    auto updates = Transaction::updates();
-    EXPECT_FALSE(updates.next());
-    ended.release();
-  });
-  std::this_thread::sleep_for(50ms);
-  task.cancel();
-  EXPECT_TRUE(ended.try_acquire_for(500ms));
-}
-
-TEST_F(StoreTest, ACancelledReaderHandsOutWhatItHoldsButTakesNothingNew) {
-  (void)Transaction::updates();  // takes the first listener's replay of unfinished ones
-  std::binary_semaphore subscribed(0), cancelled(0), readOnce(0), pushedLater(0), done(0);
-  IDs got;
-  auto task = platform::Task::run([&] {
-    auto updates = Transaction::updates();
-    subscribed.release();
-    cancelled.acquire();
-    // The first read after the cancellation: from here on the reader takes nothing new.
-    if (auto update = updates.next()) got.push_back(update->unsafePayloadValue().id());
-    readOnce.release();
-    pushedLater.acquire();
-    while (auto update = updates.next()) got.push_back(update->unsafePayloadValue().id());
-    done.release();
-  });
-  ASSERT_TRUE(subscribed.try_acquire_for(60s));
-  const auto before = store_->buyProduct(kCoins).id();
-  task.cancel();
-  const auto unnoticed = store_->buyProduct(kCoins).id();  // the reader has not looked yet
-  cancelled.release();
-  ASSERT_TRUE(readOnce.try_acquire_for(60s));
-  store_->buyProduct(kCoins);
-  pushedLater.release();
-  ASSERT_TRUE(done.try_acquire_for(60s));
-  EXPECT_EQ(got, (IDs{before, unnoticed}));
 }
 
 TEST_F(StoreTest, TimeRateRenewsOnItsOwn) {
@@ -419,21 +305,6 @@ TEST_F(StoreTest, TimeRateRenewsOnItsOwn) {
   const auto renewed = next(updates, 5s);
   EXPECT_EQ(renewed.originalID(), trial);
   EXPECT_EQ(renewed.purchaseDate(), *t.expirationDate());
-}
-
-TEST(SharedStore, LoadsTheConfigurationNamedByTheEnvironmentOnFirstUse) {
-  const auto previous = LocalStore::setShared(nullptr);
-  ::setenv("VORNTESK_STOREKIT_CONFIG", kSampleFile.c_str(), 1);
-  EXPECT_EQ(Product::products({kCoins, kPro}).size(), 2u);
-  EXPECT_EQ(LocalStore::shared(), LocalStore::shared());  // one per process
-  LocalStore::setShared(nullptr);
-  // A file that cannot be used is reported and leaves an empty store.
-  ::setenv("VORNTESK_STOREKIT_CONFIG", "/nonexistent/missing.storekit", 1);
-  ::testing::internal::CaptureStderr();
-  EXPECT_TRUE(Product::products({kCoins}).empty());
-  EXPECT_NE(::testing::internal::GetCapturedStderr().find("missing.storekit"), std::string::npos);
-  ::unsetenv("VORNTESK_STOREKIT_CONFIG");
-  LocalStore::setShared(previous);
 }
 
 }  // namespace

@@ -55,8 +55,6 @@ TEST(JWS, SignsWithTheChainInTheHeaderAndARawSignatureAndRejectsAnyChange) {
   signature[10] = static_cast<char>(signature[10] ^ 1);
   const auto signed64 = jws.substr(0, dot2 + 1);
   EXPECT_EQ(rejection(signed64 + base64URLEncode(signature), root), Code::invalidSignature);
-  EXPECT_EQ(rejection(signed64 + base64URLEncode(signature.substr(0, 63)), root),
-            Code::invalidSignature);
   // Signed by another chain: valid in itself, but not under our root.
   EXPECT_EQ(rejection(SigningAuthority::generate()->sign(payload), root),
             Code::invalidCertificateChain);
@@ -64,20 +62,14 @@ TEST(JWS, SignsWithTheChainInTheHeaderAndARawSignatureAndRejectsAnyChange) {
   header["x5c"].as_array().pop_back();
   EXPECT_EQ(rejection(base64URLEncode(json::serialize(header)) + jws.substr(dot1), root),
             Code::invalidCertificateChain);
-  // Certificates outside their validity at the signing date, after and before it (also once
-  // the same chain has verified at other dates).
+  // Certificates outside their validity at the signing date, after and before it.
   const auto late = authority->sign(R"({"signedDate":4200000000000})");
   EXPECT_EQ(rejection(late, root), Code::invalidCertificateChain);
   EXPECT_EQ(rejection(authority->sign(R"({"signedDate":900000000000})"), root),
             Code::invalidCertificateChain);
   EXPECT_EQ(verifyJWS(late, root, platform::dateFromMillisecondsSince1970(1700000000000)),
             R"({"signedDate":4200000000000})");
-  for (const std::string& garbage :
-       {std::string(), std::string("a.b"), std::string("a.b.c.d"), std::string("!!.??.**"),
-        header64 + ".bm90IGpzb24." + signature64}) {
-    EXPECT_EQ(rejection(garbage, root), Code::invalidEncoding) << garbage;
-  }
-  EXPECT_FALSE(decodeJWSPayload("nodots"));
+  EXPECT_EQ(rejection(header64 + ".bm90IGpzb24." + signature64, root), Code::invalidEncoding);
 }
 
 json::object payload(std::string_view extra = "") {
@@ -89,9 +81,8 @@ json::object payload(std::string_view extra = "") {
   return json::parse(text).as_object();
 }
 
-// (Values outside the known cases, large quantities, prices and offers as records read them:
-// tests/adapter.)
-TEST(Transaction, ReadsPayloads) {
+// (Values outside the known cases, prices and offers as records read them: tests/adapter.)
+TEST(Transaction, ReadsPayloadsAndRefusesThoseMissingPropertiesOrOfTheWrongKind) {
   const auto t = Transaction::fromPayload(payload(R"(,"offerDiscountType":"PAY_AS_YOU_GO")"));
   EXPECT_EQ(t.id(), 42u);
   EXPECT_EQ(t.originalID(), 40u);
@@ -100,15 +91,11 @@ TEST(Transaction, ReadsPayloads) {
   // Keyed access gives nothing for a missing key or another kind of value.
   EXPECT_EQ(t.backingString("offerDiscountType"), "PAY_AS_YOU_GO");
   EXPECT_FALSE(t.backingString("purchaseDate"));
-  EXPECT_FALSE(t.backingNumber("productId"));
   EXPECT_EQ(Transaction::fromJSON(t.jsonRepresentation()).id(), 42u);
   const auto plain = Transaction::fromPayload(payload());
   EXPECT_EQ(plain.purchasedQuantity(), 1);
   EXPECT_FALSE(plain.offer() || plain.offerType() || plain.price() || plain.currency() ||
                plain.revocationReason() || plain.appAccountToken() || plain.isUpgraded());
-}
-
-TEST(Transaction, RefusesPayloadsMissingPropertiesOrOfTheWrongKind) {
   auto code = [](json::object object) {
     try {
       Transaction::fromPayload(std::move(object));
@@ -124,74 +111,26 @@ TEST(Transaction, RefusesPayloadsMissingPropertiesOrOfTheWrongKind) {
     EXPECT_EQ(code(object), Code::missingRequiredProperties) << key;
   }
   for (const char* wrong :
-       {R"(,"quantity":"3")", R"(,"appAccountToken":"not-a-uuid")", R"(,"isUpgraded":1)",
-        R"(,"storefront":3)", R"(,"transactionId":"12x")"}) {
+       {R"(,"quantity":"3")", R"(,"appAccountToken":"x")", R"(,"transactionId":"12x")"}) {
     EXPECT_EQ(code(payload(wrong)), Code::invalidEncoding) << wrong;
   }
   EXPECT_THROW(Transaction::fromJSON("[1]"), VerificationError);
 }
 
-TEST(Availability, NewerMembersAbortBelowTheirSystemAndWorkFromIt) {
+// (Each member at its threshold: the record conversions in tests/adapter.)
+TEST(Availability, NewerMembersAbortBelowTheirSystem) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto t =
-      Transaction::fromPayload(payload(R"(,"offerType":1,"offerPeriod":"P1W","price":0)"));
-  SubscriptionInfo info;
-  struct Case {
-    platform::OperatingSystemVersion since;
-    const char* member;
-    std::function<void()> read;
-  };
-  const std::vector<Case> cases = {
-      {{17, 0}, "Transaction.reason", [&] { t.reason(); }},
-      {{17, 0}, "Transaction.storefront", [&] { t.storefront(); }},
-      {{17, 2}, "Transaction.offer", [&] { t.offer(); }},
-      {{17, 2}, "Transaction.price", [&] { t.price(); }},
-      {{17, 2}, "Transaction.currency", [&] { t.currency(); }},
-      {{18, 0}, "Transaction.OfferType.winBack", [] { Transaction::OfferType::winBack(); }},
-      {{18, 0},
-       "Product.SubscriptionOffer.OfferType.winBack",
-       [] { SubscriptionOffer::OfferType::winBack(); }},
-      {{18, 0}, "Product.SubscriptionInfo.winBackOffers", [&] { info.winBackOffers(); }},
-      {{18, 4}, "Transaction.appTransactionID", [&] { t.appTransactionID(); }},
-      {{18, 4},
-       "Transaction.offerPeriodStringRepresentation",
-       [&] { t.offerPeriodStringRepresentation(); }},
-      {{18, 4}, "StoreKitError.unsupported", [] { StoreKitError::unsupported(); }},
-  };
+  const auto t = Transaction::fromPayload(payload(R"(,"offerType":1,"offerPeriod":"P1W")"));
   platform::SystemVersion::set({18, 3});
-  const auto offer = t.offer();  // read before lowering the version further
-  for (const auto& c : cases) {
-    const auto before = c.since.minor > 0
-                            ? platform::OperatingSystemVersion{c.since.major, c.since.minor - 1}
-                            : platform::OperatingSystemVersion{c.since.major - 1, 9};
-    platform::SystemVersion::set(before);
-    EXPECT_DEATH(c.read(), c.member) << c.member;
-    platform::SystemVersion::set(c.since);
-    c.read();  // exactly at the threshold it is there
-  }
-  platform::SystemVersion::set({18, 3});
+  const auto offer = t.offer();
   EXPECT_DEATH(offer->period(), "Transaction.Offer.period");
+  EXPECT_DEATH(t.appTransactionID(), "Transaction.appTransactionID");
+  platform::SystemVersion::set({16, 9});
+  EXPECT_DEATH(t.reason(), "Transaction.reason");
   // The older forms stay readable everywhere.
-  platform::SystemVersion::set({17, 0});
   EXPECT_EQ(t.offerType(), Transaction::OfferType::introductory());
   EXPECT_EQ(t.backingString("offerPeriod"), "P1W");
   platform::SystemVersion::set(platform::SystemVersion::kDefault);
-}
-
-TEST(Errors, CasesNamesAndDescriptions) {
-  // (Descriptions the host sees: tests/integration/fault_injection_test.cpp.)
-  EXPECT_EQ(StoreKitError::withCode(static_cast<StoreKitError::Code>(42)).caseName(),
-            "unknownCase(42)");
-  EXPECT_EQ(StoreKitError::named("Not Available In Storefront")->code(),
-            StoreKitError::Code::notAvailableInStorefront);
-  EXPECT_EQ(PurchaseError::named("invalid_offer_price")->code(),
-            PurchaseError::Code::invalidOfferPrice);
-  EXPECT_EQ(VerificationError::named("revokedCertificate")->caseName(), "revokedCertificate");
-  EXPECT_FALSE(VerificationError::named("revoked"));
-  EXPECT_STREQ(VerificationError(Code::invalidSignature).what(), "The signature is not valid.");
-  // Any thrown value has a description.
-  EXPECT_EQ(localizedDescription(std::make_exception_ptr(std::logic_error("x"))), "x");
-  EXPECT_FALSE(localizedDescription(std::make_exception_ptr(7)).empty());
 }
 
 }  // namespace
