@@ -1,6 +1,5 @@
-// Hands the local store's signed transactions to Apple's App Store Server Library (installed
-// from the npm registry into the build tree) and checks that it reads them as we wrote them,
-// verified against our root, in the Xcode and the Sandbox environments.
+// Apple's App Store Server Library (from npm, in the build tree) reads the local store's signed
+// transactions as we wrote them, verified against our root, in the Xcode and Sandbox forms.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -28,33 +27,24 @@ std::string readFile(const fs::path& path) {
 
 int run(const std::string& command) { return std::system(command.c_str()); }
 
-// Installs the library once per build tree; an empty answer means it is there.
-std::optional<std::string> installLibrary(const fs::path& dir) {
-  const fs::path source = fs::path(VORNTESK_SOURCE_DIR) / "tests" / "interop";
-  fs::create_directories(dir);
-  for (const char* file : {"package.json", "verify.cjs"}) {
-    fs::copy_file(source / file, dir / file, fs::copy_options::overwrite_existing);
-  }
-  if (fs::exists(dir / "node_modules" / "@apple" / "app-store-server-library" / "package.json")) {
-    return std::nullopt;
-  }
-  const auto log = (dir / "npm-install.log").string();
-  if (run("cd '" + dir.string() + "' && npm install --no-audit --no-fund --loglevel=error > '" +
-          log + "' 2>&1") == 0) {
-    return std::nullopt;
-  }
-  return readFile(log);
-}
-
 TEST(AppStoreServerLibrary, ReadsAndVerifiesOurSignedTransactions) {
   const fs::path dir = fs::path(VORNTESK_BINARY_DIR) / "interop";
-  if (const auto failure = installLibrary(dir)) {
+  fs::create_directories(dir);
+  for (const char* file : {"package.json", "verify.cjs"}) {
+    fs::copy_file(fs::path(VORNTESK_SOURCE_DIR "/tests/interop") / file, dir / file,
+                  fs::copy_options::overwrite_existing);
+  }
+  // Installed once per build tree.
+  if (!fs::exists(dir / "node_modules/@apple/app-store-server-library/package.json") &&
+      run("cd '" + dir.string() +
+          "' && npm install --no-audit --no-fund --loglevel=error > npm-install.log 2>&1") != 0) {
+    const auto failure = readFile(dir / "npm-install.log");
     if (run("npm ping > /dev/null 2>&1") != 0) {
       GTEST_SKIP() << "SKIPPED: the npm registry cannot be reached, so Apple's "
                       "@apple/app-store-server-library could not be installed. npm said:\n"
-                   << *failure;
+                   << failure;
     }
-    FAIL() << "npm install failed although the registry answers:\n" << *failure;
+    FAIL() << "npm install failed although the registry answers:\n" << failure;
   }
 
   // Every kind of transaction the store makes: a quantity and a token, a pay-as-you-go offer,
@@ -73,17 +63,15 @@ TEST(AppStoreServerLibrary, ReadsAndVerifiesOurSignedTransactions) {
   const auto history = store->allTransactions();
   ASSERT_EQ(history.size(), 6u);
   json::array items;
-  std::vector<std::string> tokens;
-  for (const auto& entry : history) tokens.push_back(entry.jwsRepresentation);
   for (const auto& entry : history) {
-    tokens.push_back(store->signedTransaction(entry.identifier, Environment::sandbox()));
+    items.push_back({{"jws", entry.jwsRepresentation}, {"environment", "Xcode"}});
   }
-  for (std::size_t i = 0; i < tokens.size(); ++i) {
-    items.push_back(
-        {{"jws", tokens[i]}, {"environment", i < history.size() ? "Xcode" : "Sandbox"}});
+  for (const auto& entry : history) {
+    items.push_back({{"jws", store->signedTransaction(entry.identifier, Environment::sandbox())},
+                     {"environment", "Sandbox"}});
   }
   // The library must turn these down: a payload changed after signing, and a foreign root.
-  const auto& sandbox = tokens[history.size()];
+  const std::string sandbox(items[history.size()].at("jws").as_string());
   const auto first = sandbox.find('.'), last = sandbox.rfind('.');
   auto payload = *platform::base64URLDecode(sandbox.substr(first + 1, last - first - 1));
   payload.replace(payload.find("\"quantity\":2"), 12, "\"quantity\":7");
@@ -103,19 +91,17 @@ TEST(AppStoreServerLibrary, ReadsAndVerifiesOurSignedTransactions) {
             0)
       << readFile(dir / "node-error.log");
   const auto results = json::parse(readFile(dir / "output.json")).as_array();
-  ASSERT_EQ(results.size(), tokens.size() + 2);
-
+  ASSERT_EQ(results.size(), 2 * history.size() + 2);
   // Every member the library decodes is the one we signed, and nothing else.
-  for (std::size_t i = 0; i < tokens.size(); ++i) {
-    const auto& result = results[i].as_object();
+  for (std::size_t i = 0; i < 2 * history.size(); ++i) {
     auto expected = history[i % history.size()].transaction->payload();
     if (i >= history.size()) expected["environment"] = "Sandbox";
     SCOPED_TRACE(json::serialize(expected));
-    ASSERT_TRUE(result.at("ok").as_bool()) << json::serialize(result);
-    EXPECT_EQ(result.at("decoded"), expected);
+    ASSERT_TRUE(results[i].at("ok").as_bool()) << json::serialize(results[i]);
+    EXPECT_EQ(results[i].at("decoded"), expected);
   }
-  EXPECT_FALSE(results[tokens.size()].at("ok").as_bool());
-  EXPECT_FALSE(results[tokens.size() + 1].at("ok").as_bool());
+  EXPECT_FALSE(results[results.size() - 2].at("ok").as_bool());
+  EXPECT_FALSE(results.back().at("ok").as_bool());
 }
 
 }  // namespace
