@@ -2,14 +2,15 @@
 # Run as: cmake -DSOURCE_DIR=<repo> -P check_layering.cmake
 set(allowed_platform platform)
 set(allowed_host host platform)
-set(allowed_storekit storekit platform)
+set(allowed_appstore appstore platform)
+set(allowed_storekit storekit appstore platform)
 set(allowed_records records host platform)
 set(allowed_adapter adapter observer records host storekit platform)
 set(allowed_observer observer adapter records host storekit platform)
 set(allowed_bridge bridge adapter records host platform)
 
 set(violations "")
-foreach(layer platform host storekit records adapter observer bridge)
+foreach(layer platform host appstore storekit records adapter observer bridge)
   file(GLOB files ${SOURCE_DIR}/src/${layer}/*.h ${SOURCE_DIR}/src/${layer}/*.cpp)
   foreach(file ${files})
     file(STRINGS ${file} includes REGEX "^#include \"[a-z_]+/")

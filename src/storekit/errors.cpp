@@ -1,50 +1,32 @@
 #include "storekit/errors.h"
 
-#include <array>
-#include <cctype>
+#include <stdexcept>
 #include <utility>
 
+#include "appstore/store_failure.h"
 #include "storekit/availability.h"
 
 namespace storekit {
 namespace {
 
+using Family = appstore::StoreFailure::Family;
+
 // Names compare without regard to case, blanks, hyphens and underscores, so that the
 // spellings of configuration files ("Network Error") and code ("networkError") both match.
-std::string foldName(std::string_view name) {
-  std::string folded;
-  for (char c : name) {
-    if (c == ' ' || c == '_' || c == '-') continue;
-    folded.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-  }
-  return folded;
-}
-
-template <std::size_t N>
-std::optional<int> indexOfName(const std::array<const char*, N>& names, std::string_view name) {
-  const auto folded = foldName(name);
-  for (std::size_t i = 0; i < N; ++i) {
-    if (foldName(names[i]) == folded) return static_cast<int>(i);
+std::optional<int> indexOfName(Family family, std::string_view name) {
+  const auto folded = appstore::foldName(name);
+  const auto names = appstore::StoreFailure::caseNames(family);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (appstore::foldName(names[i]) == folded) return static_cast<int>(i);
   }
   return std::nullopt;
 }
 
-template <std::size_t N>
-std::string nameOf(const std::array<const char*, N>& names, int code) {
-  if (code >= 0 && static_cast<std::size_t>(code) < N) return names[static_cast<std::size_t>(code)];
+std::string nameOf(Family family, int code) {
+  const auto names = appstore::StoreFailure::caseNames(family);
+  if (code >= 0 && static_cast<std::size_t>(code) < names.size()) return names[static_cast<std::size_t>(code)];
   return "unknownCase(" + std::to_string(code) + ")";
 }
-
-constexpr std::array<const char*, 7> kStoreKitErrorNames = {
-    "unknown",     "userCancelled", "networkError", "systemError", "notAvailableInStorefront",
-    "notEntitled", "unsupported"};
-constexpr std::array<const char*, 8> kPurchaseErrorNames = {
-    "invalidQuantity",        "productUnavailable",    "purchaseNotAllowed",
-    "ineligibleForOffer",     "invalidOfferIdentifier", "invalidOfferPrice",
-    "invalidOfferSignature",  "missingOfferParameters"};
-constexpr std::array<const char*, 6> kVerificationErrorNames = {
-    "revokedCertificate", "invalidCertificateChain", "invalidDeviceVerification",
-    "invalidEncoding",    "invalidSignature",        "missingRequiredProperties"};
 
 std::string defaultURLErrorDescription(int code) {
   switch (code) {
@@ -130,11 +112,11 @@ std::string StoreKitError::localizedDescription() const {
 }
 
 std::string StoreKitError::caseName() const {
-  return nameOf(kStoreKitErrorNames, static_cast<int>(code_));
+  return nameOf(Family::storeKit, static_cast<int>(code_));
 }
 
 std::optional<StoreKitError> StoreKitError::named(std::string_view name) {
-  const auto index = indexOfName(kStoreKitErrorNames, name);
+  const auto index = indexOfName(Family::storeKit, name);
   if (!index) return std::nullopt;
   const auto code = static_cast<Code>(*index);
   switch (code) {
@@ -163,11 +145,11 @@ std::string PurchaseError::localizedDescription() const {
 }
 
 std::string PurchaseError::caseName() const {
-  return nameOf(kPurchaseErrorNames, static_cast<int>(code_));
+  return nameOf(Family::purchase, static_cast<int>(code_));
 }
 
 std::optional<PurchaseError> PurchaseError::named(std::string_view name) {
-  const auto index = indexOfName(kPurchaseErrorNames, name);
+  const auto index = indexOfName(Family::purchase, name);
   if (!index) return std::nullopt;
   return PurchaseError(static_cast<Code>(*index));
 }
@@ -188,13 +170,39 @@ std::string VerificationError::localizedDescription() const {
 }
 
 std::string VerificationError::caseName() const {
-  return nameOf(kVerificationErrorNames, static_cast<int>(code_));
+  return nameOf(Family::verification, static_cast<int>(code_));
 }
 
 std::optional<VerificationError> VerificationError::named(std::string_view name) {
-  const auto index = indexOfName(kVerificationErrorNames, name);
+  const auto index = indexOfName(Family::verification, name);
   if (!index) return std::nullopt;
   return VerificationError(static_cast<Code>(*index));
+}
+
+void throwStoreFailure(const appstore::StoreFailure& failure) {
+  // "unknownCase(N)": the code of a case this system does not name.
+  std::optional<int> code = indexOfName(failure.family, failure.caseName);
+  if (!code && failure.caseName.starts_with("unknownCase(") && failure.caseName.ends_with(")")) {
+    try {
+      code = std::stoi(failure.caseName.substr(12));
+    } catch (const std::exception&) {
+    }
+  }
+  if (!code) throw StoreKitError::unknown();
+  switch (failure.family) {
+    case Family::storeKit: {
+      const auto storeKitCode = static_cast<StoreKitError::Code>(*code);
+      if (storeKitCode == StoreKitError::Code::systemError && !failure.underlyingDescription.empty()) {
+        throw StoreKitError::systemError(
+            std::make_exception_ptr(std::runtime_error(failure.underlyingDescription)));
+      }
+      if (auto error = StoreKitError::named(failure.caseName)) throw *error;
+      throw StoreKitError::withCode(storeKitCode);
+    }
+    case Family::purchase: throw PurchaseError(static_cast<PurchaseError::Code>(*code));
+    case Family::verification: throw VerificationError(static_cast<VerificationError::Code>(*code));
+  }
+  throw StoreKitError::unknown();
 }
 
 }  // namespace storekit

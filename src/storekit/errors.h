@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "appstore/store_failure.h"
+
 namespace storekit {
 
 // Common base of the thrown StoreKit errors.
@@ -144,5 +146,8 @@ class VerificationError : public Error {
  private:
   Code code_;
 };
+
+// Throws the StoreKit error that a store's failure stands for.
+[[noreturn]] void throwStoreFailure(const appstore::StoreFailure& failure);
 
 }  // namespace storekit

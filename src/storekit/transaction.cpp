@@ -8,7 +8,7 @@
 #include "platform/base64.h"
 #include "platform/task.h"
 #include "storekit/availability.h"
-#include "storekit/local_store.h"
+#include "storekit/device.h"
 
 namespace storekit {
 namespace json = boost::json;
@@ -291,13 +291,20 @@ std::optional<platform::Decimal> Transaction::backingNumber(std::string_view key
 
 const json::object& Transaction::payload() const { return data_->payload; }
 
-void Transaction::finish() const { LocalStore::shared()->finish(data_->id); }
-
-TransactionSequence Transaction::updates() { return LocalStore::shared()->updates(); }
-TransactionSequence Transaction::all() { return LocalStore::shared()->all(); }
-TransactionSequence Transaction::currentEntitlements() {
-  return LocalStore::shared()->currentEntitlements();
+void Transaction::finish() const {
+  // A finish the store cannot save is retried by the app at its next launch, as on a device
+  // that lost its connection: the transaction stays unfinished.
+  try {
+    Device::current()->store().finish(data_->id);
+  } catch (const std::exception&) {
+  }
 }
-TransactionSequence Transaction::unfinished() { return LocalStore::shared()->unfinished(); }
+
+TransactionSequence Transaction::updates() { return Device::current()->updates(); }
+TransactionSequence Transaction::all() { return Device::current()->all(); }
+TransactionSequence Transaction::currentEntitlements() {
+  return Device::current()->currentEntitlements();
+}
+TransactionSequence Transaction::unfinished() { return Device::current()->unfinished(); }
 
 }  // namespace storekit

@@ -1,5 +1,5 @@
 // Small value types that products and transactions share: the product type, the App Store
-// environment, subscription periods and offer payment modes. Those that StoreKit keeps open
+// environment, subscription periods (the App Store's) and offer payment modes. Those that StoreKit keeps open
 // for new cases are structs over a raw value with the known cases as static members, so a
 // value outside the known set can exist (and must be handled by whoever reads it).
 #pragma once
@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "appstore/subscription_period.h"
 
 namespace storekit {
 
@@ -34,23 +36,8 @@ struct Environment {
   friend bool operator==(const Environment&, const Environment&) = default;
 };
 
-// Product.SubscriptionPeriod: a count of calendar units. The value is a native integer, as
-// on the platform; only configuration files limit it.
-struct SubscriptionPeriod {
-  enum class Unit : int { day = 0, week = 1, month = 2, year = 3 };
-
-  std::int64_t value = 1;
-  Unit unit = Unit::month;
-
-  // ISO 8601 durations of one unit as configuration files and signed payloads write them:
-  // "P3D", "P1W", "P1M", "P1Y". Nothing for anything else.
-  static std::optional<SubscriptionPeriod> parse(std::string_view iso);
-  std::string isoString() const;
-  // Length in days (months as 30, years as 365), for scaled store clocks.
-  std::int64_t approximateDays() const;
-
-  friend bool operator==(const SubscriptionPeriod&, const SubscriptionPeriod&) = default;
-};
+// Product.SubscriptionPeriod: the App Store's period values.
+using SubscriptionPeriod = appstore::SubscriptionPeriod;
 
 // The payment mode of an offer, in the App Store's spelling. Product.SubscriptionOffer and
 // Transaction.Offer both use it.

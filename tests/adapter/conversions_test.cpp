@@ -12,7 +12,7 @@ using namespace VornTeskPaymentsAddonApple;
 
 TEST_F(ServiceTest, TheSamePurchaseGivesWhatEachSystemVersionCanRead) {
   // Three months of Basic at 0.99 each, the introductory offer.
-  auto payload = storedTransaction(*store, purchase(kBasic)).transaction->payload();
+  auto payload = transactionOf(storedTransaction(*store, purchase(kBasic)))->payload();
   ASSERT_EQ(payload.at("price"), 990);
   // The same purchase again, as a win-back offer with an identifier.
   payload["transactionId"] = "5000";
@@ -40,7 +40,7 @@ TEST_F(ServiceTest, TheSamePurchaseGivesWhatEachSystemVersionCanRead) {
 }
 
 TEST_F(ServiceTest, StoreValuesOutsideTheKnownCasesBecomeUnspecified) {
-  const auto base = storedTransaction(*store, purchase(kCoins)).transaction->payload();
+  const auto base = transactionOf(storedTransaction(*store, purchase(kCoins)))->payload();
   // Members replacing the purchase's own, one transaction each.
   const auto rows = json::parse(R"([{"environment":"Production"}, {"environment":"Sandbox"},
       {"environment":"LocalTesting"}, {"inAppOwnershipType":"FAMILY_SHARED"},

@@ -9,9 +9,18 @@
 namespace {
 
 using namespace testsupport;
-using storekit::StoreKitAPI;
+using appstore::StoreKitAPI;
 using storekit::StoreKitError;
 using storekit::VerificationError;
+using Family = appstore::StoreFailure::Family;
+
+// How the store is told to fail with a StoreKit error.
+appstore::StoreFailure failureOf(const storekit::StoreKitError& error) {
+  return {Family::storeKit, error.caseName(), error.underlyingErrorDescription()};
+}
+appstore::StoreFailure failureOf(const storekit::PurchaseError& error) {
+  return {Family::purchase, error.caseName()};
+}
 
 std::string errorEnvelope(const std::string& code, const std::string& message,
                           const std::string& externalCode = "") {
@@ -29,33 +38,34 @@ TEST_F(ServiceTest, EveryStoreErrorIsAnsweredByItsRowOfTheMapping) {
   const auto purchase = StoreKitAPI::purchase;
   const auto sync = StoreKitAPI::appStoreSync;
   // The API that fails, its error, the call that meets it, the answer.
-  const std::vector<std::tuple<StoreKitAPI, storekit::SimulatedError, std::string, std::string>>
+  const std::vector<std::tuple<StoreKitAPI, appstore::StoreFailure, std::string, std::string>>
       rows = {
           // Only the operations that buy or sync turn the user's cancellation into an outcome.
-          {lookup, StoreKitError::userCancelled(), "GetProducts",
+          {lookup, failureOf(StoreKitError::userCancelled()), "GetProducts",
            errorEnvelope("CANCELLED", "The user cancelled the operation.")},
-          {purchase, StoreKitError::userCancelled(), "Purchase", canceled},
-          {sync, StoreKitError::userCancelled(), "Sync", canceled},
-          {purchase, StoreKitError::networkError(offline), "Purchase",
+          {purchase, failureOf(StoreKitError::userCancelled()), "Purchase", canceled},
+          {sync, failureOf(StoreKitError::userCancelled()), "Sync", canceled},
+          {purchase, failureOf(StoreKitError::networkError(offline)), "Purchase",
            errorEnvelope("UNAVAILABLE",
                          "A network error occurred: " + offline.localizedDescription(),
                          "NETWORK_ERROR")},
           {lookup,
-           StoreKitError::systemError(std::make_exception_ptr(std::runtime_error("disk I/O"))),
+           failureOf(StoreKitError::systemError(
+               std::make_exception_ptr(std::runtime_error("disk I/O")))),
            "GetProducts",
            errorEnvelope("INTERNAL", "A StoreKit system error occurred.", "disk I/O")},
-          {purchase, StoreKitError::notAvailableInStorefront(), "Purchase",
+          {purchase, failureOf(StoreKitError::notAvailableInStorefront()), "Purchase",
            errorEnvelope("UNAVAILABLE", "The product is not available in the current storefront.",
                          "STOREFRONT_RESTRICTED")},
-          {lookup, StoreKitError::notEntitled(), "Purchase",
+          {lookup, failureOf(StoreKitError::notEntitled()), "Purchase",
            errorEnvelope("PERMISSION_DENIED",
                          "The app is not entitled to perform this StoreKit operation.")},
-          {sync, StoreKitError::unknown(), "Sync", unrecognized},
+          {sync, failureOf(StoreKitError::unknown()), "Sync", unrecognized},
           // A case the mapping does not name.
-          {purchase, StoreKitError::withCode(static_cast<StoreKitError::Code>(42)), "Purchase",
+          {purchase, failureOf(StoreKitError::withCode(static_cast<StoreKitError::Code>(42))), "Purchase",
            unrecognized},
           // Not a StoreKitError: the fallback row.
-          {purchase, storekit::PurchaseError(storekit::PurchaseError::Code::ineligibleForOffer),
+          {purchase, failureOf(storekit::PurchaseError(storekit::PurchaseError::Code::ineligibleForOffer)),
            "Purchase",
            errorEnvelope(
                "INTERNAL",
@@ -87,7 +97,9 @@ TEST_F(ServiceTest, AVerificationFaultMarksEveryTransactionAnswerWithItsOwnError
   for (std::size_t i = 0; i < codes.size(); ++i) {
     const int wire = static_cast<int>(i + 1) % 7;
     SCOPED_TRACE(wire);
-    store->setSimulatedError(StoreKitAPI::verification, VerificationError(codes[i]));
+    store->setSimulatedError(StoreKitAPI::verification,
+                             appstore::StoreFailure{Family::verification,
+                                                    VerificationError(codes[i]).caseName()});
     const auto data = success("Purchase", R"({"productId":")" + kCoins + R"("})");
     if (data.is_null()) continue;
     expectRecordOf(*store, data.at("transaction"), 2, wire);

@@ -43,8 +43,8 @@ TEST_F(ServiceTest, ProductsComeInTheStoresOrderUnknownOnesAreLeftOutAndNoneIsRe
   EXPECT_EQ(call("GetProducts", R"({"productIds":["com.vorntesk.nope"]})"),
             R"({"success":{"products":[]}})");
   // The empty list is refused before the store is asked: its simulated error never shows.
-  store->setSimulatedError(storekit::StoreKitAPI::loadProducts,
-                           storekit::StoreKitError::notEntitled());
+  store->setSimulatedError(appstore::StoreKitAPI::loadProducts,
+                           appstore::StoreFailure::named("notEntitled"));
   EXPECT_EQ(call("GetProducts", R"({"productIds":[]})"),
             R"({"error":{"code":"INVALID_ARGUMENT","message":"productIds must not be empty."}})");
 }
@@ -87,9 +87,9 @@ TEST_F(ServiceTest, APurchaseAnswersTheWholeTransactionWithQuantityAndTokenAsThe
 TEST_F(ServiceTest, PurchasesThatDoNotCompleteAnswerTheirOwnOutcomes) {
   EXPECT_EQ(call("Purchase", buy("com.vorntesk.nope")),
             R"({"error":{"code":"NOT_FOUND","message":"No product found for the requested id."}})");
-  store->setNextPurchaseResult(storekit::LocalStore::NextPurchaseResult::userCancelled);
+  store->setNextPurchaseResult(appstore::LocalStore::NextPurchaseResult::userCancelled);
   EXPECT_EQ(call("Purchase", buy(kCoins)), R"({"outcome":{"code":"user_canceled","data":{}}})");
-  store->setNextPurchaseResult(storekit::LocalStore::NextPurchaseResult::unrecognized);
+  store->setNextPurchaseResult(appstore::LocalStore::NextPurchaseResult::unrecognized);
   EXPECT_EQ(call("Purchase", buy(kCoins)),
             R"({"error":{"code":"UNKNOWN","message":"Unrecognized StoreKit purchase result."}})");
   store->setAskToBuyEnabled(true);
@@ -102,9 +102,7 @@ TEST_F(ServiceTest, PurchasesThatDoNotCompleteAnswerTheirOwnOutcomes) {
 
 TEST_F(ServiceTest, ListingsIncludeUnverifiedTransactionsAndFinishSearchesTheWholeHistory) {
   const auto coins = purchase(kCoins), removeAds = purchase(kRemoveAds), pro = purchase(kPro);
-  store->setVerificationFailure(
-      removeAds,
-      storekit::VerificationError(storekit::VerificationError::Code::revokedCertificate));
+  store->setVerificationFailure(removeAds, appstore::StoreFailure::named("revokedCertificate"));
   const std::string finish = R"({"transactionId":)" + std::to_string(removeAds) + "}";
   EXPECT_EQ(call("FinishTransaction", finish), kSuccess);
   EXPECT_TRUE(storedTransaction(*store, removeAds).finished);
@@ -157,11 +155,11 @@ TEST_F(ServiceTest, ChangesMadeOutsideTheAppArriveAsUpdateEvents) {
   store->setAskToBuyEnabled(false);
   const auto asked = store->allTransactions().at(0).identifier;
   store->approveAskToBuyTransaction(asked);
-  const auto outside = store->buyProduct(kRemoveAds).id();
+  const auto outside = store->buyProduct(kRemoveAds).id;
   // The app's own purchase is answered, not announced; its renewal is announced.
   const auto trial = purchase(kPro);
   store->advanceTime(std::chrono::milliseconds(std::chrono::hours(24 * 8)));
-  store->refundTransaction(outside, storekit::Transaction::RevocationReason::developerIssue());
+  store->refundTransaction(outside, storekit::Transaction::RevocationReason::developerIssue().rawValue);
 
   const auto got = events.waitFor(4);
   ASSERT_EQ(got.size(), 4u);

@@ -32,7 +32,7 @@ TEST_F(ObserverTest, UpdatesAreForwardedVerifiedOrNotAndUnwritableOnesDroppedWit
   });
   // Both left unfinished, so the store's first update listener hears of them: a good one,
   // then one whose product identifier is not UTF-8.
-  const auto good = store->buyProduct(kCoins);
+  const auto good = transactionOf(store->buyProduct(kCoins));
   auto broken = good.payload();
   broken["transactionId"] = "900";
   broken["productId"] = "coins\xFF\xFE";
@@ -40,10 +40,9 @@ TEST_F(ObserverTest, UpdatesAreForwardedVerifiedOrNotAndUnwritableOnesDroppedWit
 
   ASSERT_TRUE(observer->start());
   ASSERT_EQ(events.waitFor(1).size(), 1u);
-  store->setSimulatedError(
-      storekit::StoreKitAPI::verification,
-      storekit::VerificationError(storekit::VerificationError::Code::invalidSignature));
-  const auto later = store->buyProduct(kRemoveAds).id();
+  store->setSimulatedError(appstore::StoreKitAPI::verification,
+                           appstore::StoreFailure::named("invalidSignature"));
+  const auto later = store->buyProduct(kRemoveAds).id;
   const auto got = events.waitFor(2);
   ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(json::parse(got[0].payload).at("id"), good.id());

@@ -11,13 +11,20 @@
 
 #include "platform/base64.h"
 #include "platform/task.h"
-#include "storekit/local_store.h"
+#include "storekit/device.h"
+#include "storekit/jws.h"
+#include "storekit/product.h"
+#include "appstore/subscription_rules.h"
+#include "support/store_entries.h"
 
 namespace storekit {
 namespace {
 
 using namespace std::chrono_literals;
 using IDs = std::vector<std::uint64_t>;
+using appstore::LocalStore;
+using testsupport::transactionOf;
+namespace time_rate = appstore::time_rate;
 
 const std::string kSampleFile = VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit";
 const std::string kCoins = "com.vorntesk.sample.coins100";
@@ -91,7 +98,7 @@ TEST_F(StoreTest, PurchaseMakesASignedTransactionThatFinishingDropsFromHistory) 
   std::string lower =
       t.deviceVerificationNonce().uuidString() + store_->deviceIdentifier().uuidString();
   std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-  EXPECT_EQ(t.deviceVerification(), sha384(lower));
+  EXPECT_EQ(t.deviceVerification(), appstore::sha384(lower));
   for (const char* key :
        {"transactionId", "originalTransactionId", "purchaseDate", "originalPurchaseDate",
         "signedDate", "appTransactionId", "deviceVerification", "deviceVerificationNonce"}) {
@@ -113,7 +120,7 @@ TEST_F(StoreTest, PurchaseMakesASignedTransactionThatFinishingDropsFromHistory) 
 TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpire) {
   auto updates = Transaction::updates();
   const auto trialID = buy(kPro);
-  const auto trial = store_->allTransactions().at(0).transaction.value();
+  const auto trial = transactionOf(store_->allTransactions().at(0)).value();
   EXPECT_EQ(*trial.expirationDate() - trial.purchaseDate(), std::chrono::days(7));
   EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{trialID});
 
@@ -150,7 +157,7 @@ TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpi
 TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndAnUpgradeReplacesTheEntitlement) {
   auto updates = Transaction::updates();
   const auto first = buy(kBasic);
-  std::vector<std::string> prices{store_->allTransactions().at(0).transaction->price()->toString()};
+  std::vector<std::string> prices{transactionOf(store_->allTransactions().at(0))->price()->toString()};
   for (int month = 0; month < 3; ++month) {
     store_->advanceTime(31 * kDay);
     prices.push_back(next(updates).price()->toString());
@@ -160,10 +167,10 @@ TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndAnUpgradeReplaces
   // A higher tier takes over at once, in the same subscription.
   const auto pro = buy(kPro);
   const auto all = store_->allTransactions();
-  EXPECT_TRUE(all.at(3).transaction->isUpgraded());  // the latest renewal of Basic
+  EXPECT_TRUE(transactionOf(all.at(3))->isUpgraded());  // the latest renewal of Basic
   EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{pro});
-  EXPECT_EQ(all.back().transaction->originalID(), first);
-  EXPECT_FALSE(all.back().transaction->offer());  // no second introductory offer in the group
+  EXPECT_EQ(transactionOf(all.back())->originalID(), first);
+  EXPECT_FALSE(transactionOf(all.back())->offer());  // no second introductory offer in the group
 }
 
 TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
@@ -179,7 +186,7 @@ TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
       Product::products({kSeasonPass}).at(0).purchase().value));
   const auto history = store_->allTransactions();
   ASSERT_EQ(history.size(), 3u);
-  EXPECT_TRUE(history[0].pendingAskToBuyConfirmation && !history[0].transaction);
+  EXPECT_TRUE(history[0].pendingAskToBuyConfirmation && !transactionOf(history[0]));
   EXPECT_TRUE(history[2].hasPurchaseIssue);
   expectLists({}, {}, {});
 
@@ -195,15 +202,17 @@ TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
 
 TEST_F(StoreTest, OfferCodesAndPromotionalOffersBoughtOutsideTheApp) {
   auto updates = Transaction::updates();
-  const auto code = store_->redeemOfferCode(kPro, "Spring Code");
+  const auto code = transactionOf(store_->redeemOfferCode(kPro, "Spring Code"));
   EXPECT_EQ(next(updates).id(), code.id());
   EXPECT_EQ(code.offerType(), Transaction::OfferType::code());
   EXPECT_EQ(code.price(), dec("0.99"));
   store_->clearTransactions();
 
-  const auto promo = PurchaseOption::promotionalOffer("trailclub.comeback.sixmonths", "KEY1",
-                                                      platform::UUID::random(), "c2lnbmF0dXJl", 1);
-  const auto outside = store_->buyProduct(kPro, {promo});
+  appstore::PurchaseRequest promo;
+  promo.productID = kPro;
+  promo.promotionalOffer = {"trailclub.comeback.sixmonths", "KEY1", platform::UUID::random(),
+                            "c2lnbmF0dXJl", 1};
+  const auto outside = transactionOf(store_->buyProduct(promo));
   EXPECT_EQ(next(updates).id(), outside.id());
   EXPECT_EQ(outside.offer()->type, Transaction::OfferType::promotional());
   EXPECT_EQ(outside.price(), dec("19.99"));
@@ -219,7 +228,7 @@ TEST_F(StoreTest, RefundRevokesReSignsAndRemovesTheEntitlementAndClearingForgets
   auto updates = Transaction::updates();
   const auto adsID = buy(kRemoveAds);
   const auto proID = buy(kPro);
-  store_->refundTransaction(adsID, Reason::developerIssue());
+  store_->refundTransaction(adsID, Reason::developerIssue().rawValue);
   store_->refundTransaction(proID);
   // (The developer-issue refund as the host sees it: tests/integration.)
   EXPECT_EQ(next(updates).id(), adsID);
@@ -235,7 +244,7 @@ TEST_F(StoreTest, RefundRevokesReSignsAndRemovesTheEntitlementAndClearingForgets
   EXPECT_TRUE(quiet(updates));
   // After clearing, the group's introductory offer is available again.
   buy(kPro);
-  EXPECT_TRUE(store_->allTransactions().back().transaction->offer());
+  EXPECT_TRUE(transactionOf(store_->allTransactions().back())->offer());
 }
 
 TEST_F(StoreTest, TamperedTokensFailVerification) {
@@ -265,7 +274,7 @@ TEST_F(StoreTest, StorefrontLocaleAndPurchaseResultControls) {
   EXPECT_EQ(coins.displayName, "100 M\xC3\xBCnzen");
   EXPECT_EQ(coins.displayPrice, "0,99\xC2\xA0\xE2\x82\xAC");
   buy(kCoins);
-  const auto t = store_->allTransactions().back().transaction.value();
+  const auto t = transactionOf(store_->allTransactions().back()).value();
   EXPECT_EQ(t.storefront(), (Storefront{"DEU", "143443", "EUR"}));
   store_->setStorefrontAvailable(false);
   EXPECT_FALSE(Storefront::current());
@@ -290,7 +299,7 @@ TEST_F(StoreTest, UpdatesReplayUnfinishedOnceAndBroadcastTheRest) {
   EXPECT_EQ(next(first).id(), unfinished);
   EXPECT_TRUE(quiet(first));
   EXPECT_TRUE(quiet(second));
-  const auto outside = store_->buyProduct(kSeasonPass);
+  const auto outside = transactionOf(store_->buyProduct(kSeasonPass));
   EXPECT_EQ(next(first).id(), outside.id());
   EXPECT_EQ(next(second).id(), outside.id());
 }
@@ -299,7 +308,7 @@ TEST_F(StoreTest, TimeRateRenewsOnItsOwn) {
   store_->setTimeRate(time_rate::kOneRenewalEveryTwoSeconds);
   auto updates = Transaction::updates();
   const auto trial = buy(kPro);
-  const auto t = store_->allTransactions().at(0).transaction.value();
+  const auto t = transactionOf(store_->allTransactions().at(0)).value();
   EXPECT_EQ(*t.expirationDate() - t.purchaseDate(), 2s);
   // The renewal thread renews without anyone advancing the clock.
   const auto renewed = next(updates, 5s);

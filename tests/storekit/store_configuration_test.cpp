@@ -3,11 +3,18 @@
 
 #include <sstream>
 
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
+#include "storekit/app_store.h"
 #include "storekit/price_format.h"
+#include "storekit/product.h"
 
 namespace storekit {
 namespace {
+
+using appstore::ConfigurationError;
+using appstore::LocalStore;
+using appstore::StoreConfiguration;
+using appstore::StoreKitAPI;
 
 const std::string kData = VORNTESK_SOURCE_DIR "/tests/storekit/data/";
 

@@ -5,6 +5,7 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
+#include "appstore/signing_authority.h"
 #include "platform/base64.h"
 #include "platform/system_version.h"
 #include "storekit/jws.h"
@@ -13,6 +14,8 @@
 
 namespace storekit {
 namespace {
+
+using appstore::SigningAuthority;
 
 namespace json = boost::json;
 using Code = VerificationError::Code;

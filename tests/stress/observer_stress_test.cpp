@@ -2,6 +2,7 @@
 // stop token) emits one unbroken run reaching at least the last update before its cancel.
 #include "platform/json.h"
 #include "platform/task.h"
+#include "storekit/device.h"
 #include "support/store_service.h"
 
 #include <gtest/gtest.h>
@@ -44,6 +45,10 @@ struct Loop {
 
 struct Book {
   std::atomic<std::size_t> made{0};  // updates whose store call has returned
+  // `made` read just before a call that may cancel a loop: every update counted there was
+  // handed to the loop before its cancellation, so it must emit at least that many. (Reading
+  // `made` in the stop callback instead would count updates made after the loop stopped.)
+  std::atomic<std::size_t> madeBeforeStopping{0};
   std::mutex mutex;                  // guards loops and wrongEvents
   std::vector<std::unique_ptr<Loop>> loops;
   std::size_t wrongEvents = 0;
@@ -65,7 +70,7 @@ struct Book {
       // Runs at once if cancellation was already asked: too late to know when.
       loop->watch =
           std::make_unique<std::stop_callback<std::function<void()>>>(token, [this, loop] {
-            if (!loop->registering.load()) loop->madeBeforeCancel.store(made.load());
+            if (!loop->registering.load()) loop->madeBeforeCancel.store(madeBeforeStopping.load());
           });
       loop->registering.store(false);
     }
@@ -77,10 +82,10 @@ class ObserverStress : public ServiceTest {};
 
 TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
   // Take the first (replaying) sequence now; unverified updates skip the signature checks.
-  (void)store->updates();
-  store->setSimulatedError(
-      storekit::StoreKitAPI::verification,
-      storekit::VerificationError(storekit::VerificationError::Code::invalidSignature));
+  const auto device = storekit::Device::current();
+  (void)device->updates();
+  store->setSimulatedError(appstore::StoreKitAPI::verification,
+                           appstore::StoreFailure::named("invalidSignature"));
 
   auto book = std::make_shared<Book>();
   auto& dispatcher = vorn::tesk::TeskBridgeDispatcher::shared();
@@ -92,11 +97,11 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
   std::vector<std::uint64_t> ids(kUpdates);
   std::thread pusher([&] {
     for (std::size_t i = 0; i < kUpdates; ++i) {
-      ids[i] = store->buyProduct(kCoins).id();
+      ids[i] = store->buyProduct(kCoins).id;
       book->made.fetch_add(1);
       std::lock_guard<std::mutex>{paceMutex}, paced.notify_all();
       // Now and then let the loops catch up and forget history, so memory stays flat.
-      if (i % 256 == 255) (void)store->waitUntilUpdatesDelivered(std::chrono::milliseconds(2));
+      if (i % 256 == 255) (void)device->waitUntilUpdatesDelivered(std::chrono::milliseconds(2));
       if (i % 10'000 == 9'999) store->clearTransactions();
     }
   });
@@ -107,8 +112,10 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
     paced.wait(lock, [&] { return book->made.load() >= target; });
   };
   while (book->made.load() < kUpdates) {
+    book->madeBeforeStopping.store(book->made.load());
     EXPECT_EQ(call("StartTransactionObserver"), R"({"success":{}})");
     waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 64)(random));
+    book->madeBeforeStopping.store(book->made.load());
     EXPECT_EQ(call("StopTransactionObserver"), R"({"success":{}})");
     waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 8)(random));
   }
@@ -116,7 +123,7 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
   // Short rounds until every loop has emitted all it received (a sequence ending fails one).
   bool delivered = false;
   for (int round = 0; round < 1200 && !delivered; ++round) {
-    delivered = store->waitUntilUpdatesDelivered(std::chrono::milliseconds(100));
+    delivered = device->waitUntilUpdatesDelivered(std::chrono::milliseconds(100));
   }
   ASSERT_TRUE(delivered);
   dispatcher.removeEventListener(listener);

@@ -5,7 +5,8 @@
 #include "bridge/register_service.h"
 #include "host/tesk_bridge_dispatcher.h"
 #include "platform/system_version.h"
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
+#include "support/store_entries.h"
 
 #include <gtest/gtest.h>
 #include <boost/algorithm/string/case_conv.hpp>
@@ -76,9 +77,10 @@ class EventLog {
 
 // The AppleTransaction a transaction should give, key by key in the record's order, derived
 // from the App Store payload the store signed for it (appTransactionId: 18.4 and later).
-inline json::object expectedRecord(const storekit::TestTransaction& stored, int status = 1,
+inline json::object expectedRecord(const appstore::TestTransaction& stored, int status = 1,
                                    int error = 0, bool appTransactionId = true) {
-  const json::object& p = stored.transaction->payload();
+  const auto transaction = transactionOf(stored);
+  const json::object& p = transaction->payload();
   auto text = [&](const char* key) { return std::string(p.at(key).as_string()); };
   auto has = [&](const char* key) { return p.contains(key) && !p.at(key).is_null(); };
   auto number = [&](const char* key) { return has(key) ? p.at(key).as_int64() : -1; };
@@ -146,19 +148,19 @@ inline json::object expectedRecord(const storekit::TestTransaction& stored, int 
 }
 
 // The store's own entry for transaction `id`.
-inline storekit::TestTransaction storedTransaction(storekit::LocalStore& store, std::uint64_t id) {
+inline appstore::TestTransaction storedTransaction(appstore::LocalStore& store, std::uint64_t id) {
   for (auto& entry : store.allTransactions()) {
-    if (entry.identifier == id && entry.transaction) return entry;
+    if (entry.identifier == id && !entry.jwsRepresentation.empty()) return entry;
   }
   ADD_FAILURE() << "the store has no purchased transaction " << id;
   return {};
 }
 
 // Checks a record's whole text against what the store signed for it.
-inline void expectRecordOf(storekit::LocalStore& store, const json::value& record, int status = 1,
+inline void expectRecordOf(appstore::LocalStore& store, const json::value& record, int status = 1,
                            int error = 0, bool appTransactionId = true) {
   const auto stored = storedTransaction(store, record.at("id").to_number<std::uint64_t>());
-  if (!stored.transaction) return;
+  if (stored.jwsRepresentation.empty()) return;
   EXPECT_EQ(json::serialize(record),
             json::serialize(expectedRecord(stored, status, error, appTransactionId)));
 }
@@ -168,13 +170,13 @@ class ServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
     platform::SystemVersion::set(platform::SystemVersion::kDefault);
-    previous_ = storekit::LocalStore::setShared(store);
+    previous_ = appstore::LocalStore::setShared(store);
     VornTeskPaymentsAddonApple::Vorn_Tesk_AppleStoreKitService_Register();
   }
   void TearDown() override {
     call("StopTransactionObserver");
     vorn::tesk::TeskBridgeDispatcher::shared().removeAllPlugins();
-    storekit::LocalStore::setShared(previous_);
+    appstore::LocalStore::setShared(previous_);
     platform::SystemVersion::set(platform::SystemVersion::kDefault);
   }
 
@@ -194,10 +196,10 @@ class ServiceTest : public ::testing::Test {
     return data.is_null() ? 0 : data.at("transaction").at("id").to_number<std::uint64_t>();
   }
 
-  std::shared_ptr<storekit::LocalStore> store = storekit::LocalStore::createFromFile(kSampleStore);
+  std::shared_ptr<appstore::LocalStore> store = appstore::LocalStore::createFromFile(kSampleStore);
 
  private:
-  std::shared_ptr<storekit::LocalStore> previous_;
+  std::shared_ptr<appstore::LocalStore> previous_;
 };
 
 }  // namespace testsupport

@@ -3,7 +3,7 @@
 #include "bridge/apple_store_kit_service_plugin.h"
 #include "host/tesk_bridge_dispatcher.h"
 #include "platform/json.h"
-#include "storekit/local_store.h"
+#include "storekit/device.h"
 #include "store_controls.h"
 
 #include <boost/json/serialize.hpp>
@@ -88,7 +88,7 @@ void HostDriver::settleEvents(std::size_t minimumListeners) {
   // Updates reach the observer on its own task. Waiting until the store has delivered them
   // puts the events a line caused right under it, and none is lost at the end of input.
   // A freshly started observer subscribes from its task, so it is waited for first.
-  storekit::LocalStore::shared()->waitUntilUpdatesDelivered(std::chrono::seconds(2),
+  storekit::Device::current()->waitUntilUpdatesDelivered(std::chrono::seconds(2),
                                                             minimumListeners);
 }
 

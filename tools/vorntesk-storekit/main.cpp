@@ -4,10 +4,11 @@
 #include "bridge/register_service.h"
 #include "host_driver.h"
 #include "platform/system_version.h"
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
 #include "store_controls.h"
 
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string>
 
@@ -16,7 +17,8 @@ namespace {
 using vorntesk_storekit::storeControlHelp;
 
 void printHelp(std::ostream& out) {
-  out << R"(Usage: vorntesk-storekit [--config FILE.storekit] [--os-version X.Y] [--transcript]
+  out << R"(Usage: vorntesk-storekit [--config FILE.storekit] [--state FILE] [--environment NAME]
+                         [--export-root FILE] [--os-version X.Y] [--transcript]
 
 Runs the AppleStoreKitService against a simulated App Store and speaks JSON Lines:
 one JSON object per line on standard input, one per line on standard output.
@@ -24,6 +26,16 @@ one JSON object per line on standard input, one per line on standard output.
 Options:
   --config FILE     the Xcode StoreKit configuration to serve (default: the bundled
                     sample, examples/SampleStore.storekit)
+  --state FILE      keep the store's ledger (transactions, subscriptions, the unfinished
+                    set, the signing identity, the clock) in FILE, created if missing, so
+                    that it survives relaunches and kills; without it the ledger is in
+                    memory and gone at exit
+  --environment NAME
+                    the environment written into everything the store signs: Xcode
+                    (default) or Sandbox
+  --export-root FILE
+                    write the root certificate the store signs under (PEM) to FILE at
+                    start, for a server to pin
   --os-version X.Y  the system version the service converts for (default 26.0)
   --transcript      write a transcript for people instead of JSON Lines: requests
                     echoed, answers and events marked, long strings shortened
@@ -82,6 +94,9 @@ std::string defaultConfiguration() {
 
 int main(int argc, char** argv) {
   std::string configuration = defaultConfiguration();
+  std::string statePath;
+  std::string environment = "Xcode";
+  std::string exportRoot;
   auto output = vorntesk_storekit::HostDriver::Output::protocol;
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
@@ -93,10 +108,18 @@ int main(int argc, char** argv) {
       output = vorntesk_storekit::HostDriver::Output::transcript;
       continue;
     }
-    if ((argument == "--config" || argument == "--os-version") && i + 1 < argc) {
+    if ((argument == "--config" || argument == "--os-version" || argument == "--state" ||
+         argument == "--environment" || argument == "--export-root") &&
+        i + 1 < argc) {
       const std::string value = argv[++i];
       if (argument == "--config") {
         configuration = value;
+      } else if (argument == "--state") {
+        statePath = value;
+      } else if (argument == "--environment") {
+        environment = value;
+      } else if (argument == "--export-root") {
+        exportRoot = value;
       } else if (const auto version = platform::SystemVersion::parse(value)) {
         platform::SystemVersion::set(*version);
       } else {
@@ -111,7 +134,16 @@ int main(int argc, char** argv) {
   }
 
   try {
-    storekit::LocalStore::setShared(storekit::LocalStore::createFromFile(configuration));
+    auto loaded = appstore::StoreConfiguration::load(configuration);
+    auto store = statePath.empty() ? appstore::LocalStore::create(std::move(loaded))
+                                   : appstore::LocalStore::open(statePath, std::move(loaded));
+    store->setEnvironment(environment);
+    if (!exportRoot.empty()) {
+      std::ofstream out(exportRoot, std::ios::binary | std::ios::trunc);
+      out << store->signingAuthority().rootCertificatePEM();
+      if (!out.flush()) throw std::runtime_error("cannot write the root certificate to " + exportRoot);
+    }
+    appstore::LocalStore::setShared(std::move(store));
   } catch (const std::exception& error) {
     std::cerr << "vorntesk-storekit: " << error.what() << "\n";
     return 1;

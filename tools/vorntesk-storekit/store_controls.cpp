@@ -3,7 +3,7 @@
 #include "platform/date.h"
 #include "platform/system_version.h"
 #include "platform/uuid.h"
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
 
 #include <boost/json/value_from.hpp>
 
@@ -16,7 +16,7 @@ namespace vorntesk_storekit {
 namespace {
 
 using boost::json::object;
-using storekit::LocalStore;
+using appstore::LocalStore;
 
 // Typed access to a control's arguments with messages that name the argument.
 class Arguments {
@@ -70,17 +70,17 @@ class Arguments {
   const object& members_;
 };
 
-std::string stateName(storekit::TestTransaction::State state) {
+std::string stateName(appstore::TestTransaction::State state) {
   switch (state) {
-    case storekit::TestTransaction::State::purchased: return "purchased";
-    case storekit::TestTransaction::State::pendingAskToBuy: return "pendingAskToBuy";
-    case storekit::TestTransaction::State::declined: return "declined";
-    case storekit::TestTransaction::State::interrupted: return "interrupted";
+    case appstore::TestTransaction::State::purchased: return "purchased";
+    case appstore::TestTransaction::State::pendingAskToBuy: return "pendingAskToBuy";
+    case appstore::TestTransaction::State::declined: return "declined";
+    case appstore::TestTransaction::State::interrupted: return "interrupted";
   }
   return "unknown";
 }
 
-object describe(const storekit::TestTransaction& entry) {
+object describe(const appstore::TestTransaction& entry) {
   object out;
   out["identifier"] = entry.identifier;
   out["productIdentifier"] = entry.productIdentifier;
@@ -98,26 +98,24 @@ object describe(const storekit::TestTransaction& entry) {
   return out;
 }
 
-// buyProduct's "options": quantity, appAccountToken, promotionalOfferID.
-std::vector<storekit::PurchaseOption> purchaseOptions(const Arguments& arguments) {
-  std::vector<storekit::PurchaseOption> options;
-  if (arguments.has("quantity")) {
-    options.push_back(storekit::PurchaseOption::quantity(arguments.integer("quantity")));
-  }
+// buyProduct's request: productID, quantity, appAccountToken, promotionalOfferID.
+appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
+  appstore::PurchaseRequest request;
+  request.productID = arguments.string("productID");
+  if (arguments.has("quantity")) request.quantity = arguments.integer("quantity");
   if (arguments.has("appAccountToken")) {
-    const auto token = platform::UUID::fromString(arguments.string("appAccountToken"));
-    if (!token) throw ControlError("argument \"appAccountToken\" must be a UUID");
-    options.push_back(storekit::PurchaseOption::appAccountToken(*token));
+    request.appAccountToken = platform::UUID::fromString(arguments.string("appAccountToken"));
+    if (!request.appAccountToken) throw ControlError("argument \"appAccountToken\" must be a UUID");
   }
   if (arguments.has("promotionalOfferID")) {
-    options.push_back(storekit::PurchaseOption::promotionalOffer(
-        arguments.string("promotionalOfferID"), "local-key", platform::UUID::random(), "", 0));
+    request.promotionalOffer = {arguments.string("promotionalOfferID"), "local-key",
+                                platform::UUID::random(), "", 0};
   }
-  return options;
+  return request;
 }
 
-storekit::SimulatedError simulatedError(const std::string& name) {
-  const auto error = storekit::simulatedErrorNamed(name);
+appstore::StoreFailure simulatedError(const std::string& name) {
+  const auto error = appstore::StoreFailure::named(name);
   if (!error) throw ControlError("unknown error \"" + name + "\"");
   return *error;
 }
@@ -227,15 +225,15 @@ const std::map<std::string, Control, std::less<>>& controls() {
           "a purchase made outside the app, delivered through the update stream",
           R"({"id":1,"store":"buyProduct","productID":"com.example.coins100"})"},
          [](LocalStore& s, const Arguments& a) {
-           const auto transaction = s.buyProduct(a.string("productID"), purchaseOptions(a));
-           return object{{"transactionId", transaction.id()}};
+           const auto transaction = s.buyProduct(purchaseRequest(a));
+           return object{{"transactionId", transaction.id}};
          }});
     add({{"redeemOfferCode", "productID, offerID",
           "an offer code redeemed outside the app, delivered through the update stream",
           R"({"id":1,"store":"redeemOfferCode","productID":"pro.monthly","offerID":"WELCOME"})"},
          [](LocalStore& s, const Arguments& a) {
            const auto transaction = s.redeemOfferCode(a.string("productID"), a.string("offerID"));
-           return object{{"transactionId", transaction.id()}};
+           return object{{"transactionId", transaction.id}};
          }});
     const auto byIdentifier = [&](std::string name, std::string summary,
                                   void (LocalStore::*action)(std::uint64_t)) {
@@ -261,11 +259,11 @@ const std::map<std::string, Control, std::less<>>& controls() {
           "revokes a transaction; the change arrives through the update stream",
           R"({"id":1,"store":"refundTransaction","identifier":2})"},
          [](LocalStore& s, const Arguments& a) {
-           auto reason = storekit::Transaction::RevocationReason::other();
+           std::int64_t reason = 0;  // other
            if (a.has("reason")) {
              const std::string name = a.string("reason");
              if (name == "developerIssue") {
-               reason = storekit::Transaction::RevocationReason::developerIssue();
+               reason = 1;
              } else if (name != "other") {
                throw ControlError(R"(argument "reason" must be "other" or "developerIssue")");
              }
@@ -291,6 +289,11 @@ const std::map<std::string, Control, std::less<>>& controls() {
            s.advanceTime(a.number("seconds"));
            return object{{"now", platform::formatRFC3339(s.now())}};
          }});
+    add({{"rootCertificate", "", "the root certificate the store signs under (PEM), to pin on a server",
+          R"({"id":1,"store":"rootCertificate"})"},
+         [](LocalStore& s, const Arguments&) {
+           return object{{"pem", s.signingAuthority().rootCertificatePEM()}};
+         }});
     add({{"now", "", "the store clock", R"({"id":1,"store":"now"})"},
          [](LocalStore& s, const Arguments&) {
            return object{{"now", platform::formatRFC3339(s.now())}};
@@ -301,9 +304,9 @@ const std::map<std::string, Control, std::less<>>& controls() {
           "makes a store call fail",
           R"({"id":1,"store":"setSimulatedError","api":"purchase","error":"networkError"})"},
          [](LocalStore& s, const Arguments& a) {
-           const auto api = storekit::storeKitAPINamed(a.string("api"));
+           const auto api = appstore::storeKitAPINamed(a.string("api"));
            if (!api) throw ControlError("unknown api \"" + a.string("api") + "\"");
-           std::optional<storekit::SimulatedError> error;
+           std::optional<appstore::StoreFailure> error;
            if (a.has("error")) error = simulatedError(a.string("error"));
            s.setSimulatedError(*api, error);
            return object{};
@@ -312,10 +315,12 @@ const std::map<std::string, Control, std::less<>>& controls() {
           "makes one transaction come out unverified",
           R"({"id":1,"store":"setVerificationFailure","identifier":2,"error":"revokedCertificate"})"},
          [](LocalStore& s, const Arguments& a) {
-           std::optional<storekit::VerificationError> error;
+           std::optional<appstore::StoreFailure> error;
            if (a.has("error")) {
-             error = storekit::VerificationError::named(a.string("error"));
-             if (!error) throw ControlError("unknown verification error \"" + a.string("error") + "\"");
+             error = appstore::StoreFailure::named(a.string("error"));
+             if (!error || error->family != appstore::StoreFailure::Family::verification) {
+               throw ControlError("unknown verification error \"" + a.string("error") + "\"");
+             }
            }
            s.setVerificationFailure(a.identifier("identifier"), error);
            return object{};
@@ -341,7 +346,7 @@ const std::map<std::string, Control, std::less<>>& controls() {
     add({{"loadConfiguration", "path", "replaces products and settings from a .storekit file",
           R"({"id":1,"store":"loadConfiguration","path":"examples/SampleStore.storekit"})"},
          [](LocalStore& s, const Arguments& a) {
-           s.loadConfiguration(storekit::StoreConfiguration::load(a.string("path")));
+           s.loadConfiguration(appstore::StoreConfiguration::load(a.string("path")));
            return object{};
          }});
     return t;

@@ -3,15 +3,23 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
-#include "storekit/app_store.h"
+namespace appstore {
 
-namespace storekit {
+// A storefront as the App Store names it.
+struct Storefront {
+  std::string countryCode;  // ISO 3166-1 alpha-3
+  std::string id;           // the App Store's storefront identifier, "143441" for the USA
+  std::string currency;     // ISO 4217
+
+  friend bool operator==(const Storefront&, const Storefront&) = default;
+};
 
 // The storefront of an alpha-3 country code (either letter case); nothing if unknown.
 std::optional<Storefront> storefrontForCountry(std::string_view countryCode);
 const std::vector<Storefront>& knownStorefronts();
 
-}  // namespace storekit
+}  // namespace appstore

@@ -1,8 +1,8 @@
-#include "storekit/values.h"
+#include "appstore/subscription_period.h"
 
 #include <charconv>
 
-namespace storekit {
+namespace appstore {
 
 std::optional<SubscriptionPeriod> SubscriptionPeriod::parse(std::string_view iso) {
   if (iso.size() < 3 || iso.front() != 'P') return std::nullopt;
@@ -48,4 +48,4 @@ std::int64_t SubscriptionPeriod::approximateDays() const {
   return value;
 }
 
-}  // namespace storekit
+}  // namespace appstore

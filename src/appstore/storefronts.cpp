@@ -1,10 +1,10 @@
-#include "storekit/storefronts.h"
+#include "appstore/storefronts.h"
 
 #include <algorithm>
 #include <cctype>
 #include <string>
 
-namespace storekit {
+namespace appstore {
 
 const std::vector<Storefront>& knownStorefronts() {
   // The largest App Store markets first, then others that configuration files often pick.
@@ -39,4 +39,4 @@ std::optional<Storefront> storefrontForCountry(std::string_view countryCode) {
   return std::nullopt;
 }
 
-}  // namespace storekit
+}  // namespace appstore

@@ -10,38 +10,19 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "platform/decimal.h"
-#include "storekit/errors.h"
-#include "storekit/values.h"
+#include "appstore/store_failure.h"
+#include "appstore/subscription_period.h"
 
-namespace storekit {
+namespace appstore {
 
 class ConfigurationError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// The StoreKit calls whose failure can be simulated (SKTestSession's StoreKitAPI).
-enum class StoreKitAPI {
-  loadProducts,
-  purchase,
-  verification,
-  appStoreSync,
-  appTransaction,
-  subscriptionStatus,
-  manageSubscriptions,
-  refundRequest,
-  offerCodeRedeem,
-};
-// "loadProducts" or the configuration file's "Load Products"; nothing for other names.
-std::optional<StoreKitAPI> storeKitAPINamed(std::string_view name);
-
-using SimulatedError = std::variant<StoreKitError, PurchaseError, VerificationError>;
-// The error a name stands for (a StoreKitError, PurchaseError or VerificationError case).
-std::optional<SimulatedError> simulatedErrorNamed(std::string_view name);
 
 struct Localization {
   std::string locale;
@@ -97,7 +78,7 @@ struct StoreSettings {
   bool failTransactionsEnabled = false;
   bool disableDialogs = false;
   int timeRate = 0;
-  std::vector<std::pair<StoreKitAPI, SimulatedError>> simulatedErrors;
+  std::vector<std::pair<StoreKitAPI, StoreFailure>> simulatedErrors;
 };
 
 struct StoreConfiguration {
@@ -120,4 +101,4 @@ struct StoreConfiguration {
 const Localization* pickLocalization(const std::vector<Localization>& localizations,
                                      std::string_view locale);
 
-}  // namespace storekit
+}  // namespace appstore

@@ -1,4 +1,4 @@
-#include "storekit/store_configuration.h"
+#include "appstore/store_configuration.h"
 
 #include <algorithm>
 #include <array>
@@ -11,21 +11,12 @@
 #include <boost/json/stream_parser.hpp>
 #include <boost/json/serialize.hpp>
 
-namespace storekit {
+namespace appstore {
 namespace json = boost::json;
 namespace {
 
 // Far beyond any real offer, small enough that period arithmetic cannot overflow.
 constexpr std::int64_t kMaxPeriodValue = 999;
-
-std::string fold(std::string_view text) {
-  std::string folded;
-  for (char c : text) {
-    if (c == ' ' || c == '_' || c == '-') continue;
-    folded.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-  }
-  return folded;
-}
 
 // Walks the document keeping the path to the value at hand, so every complaint can say where.
 class Reader {
@@ -154,7 +145,7 @@ ConfiguredOffer readOffer(const Reader& reader, bool needsOfferID) {
     reader.required("offerID");
   }
   const auto modeReader = reader.required("paymentMode");
-  const auto mode = fold(modeReader.string());
+  const auto mode = foldName(modeReader.string());
   if (mode == "free" || mode == "freetrial") {
     offer.paymentMode = ConfiguredOffer::Mode::freeTrial;
   } else if (mode == "payasyougo") {
@@ -233,7 +224,8 @@ ConfiguredProduct readProduct(const Reader& reader, bool subscription) {
   return product;
 }
 
-std::optional<SimulatedError> readSimulatedError(const Reader& current, StoreKitAPI api) {
+StoreFailure readSimulatedError(const Reader& current, StoreKitAPI api) {
+  using Family = StoreFailure::Family;
   std::string name;
   if (current.value().is_string()) {
     name = current.string();
@@ -245,23 +237,17 @@ std::optional<SimulatedError> readSimulatedError(const Reader& current, StoreKit
       }
     }
   }
-  const auto folded = fold(name);
-  if (folded.empty() || folded == "generic") return StoreKitError::unknown();
-  if (auto error = simulatedErrorNamed(name)) {
-    const bool isVerification = std::holds_alternative<VerificationError>(*error);
-    if (isVerification != (api == StoreKitAPI::verification)) {
-      current.fail("\"" + name + "\" cannot be simulated for this call");
-    }
-    if (std::holds_alternative<PurchaseError>(*error) && api != StoreKitAPI::purchase) {
-      current.fail("\"" + name + "\" cannot be simulated for this call");
-    }
-    return error;
+  const auto folded = foldName(name);
+  if (folded.empty() || folded == "generic") return {Family::storeKit, "unknown"};
+  if (auto error = StoreFailure::named(name)) {
+    if (!error->fits(api)) current.fail("\"" + name + "\" cannot be simulated for this call");
+    return *error;
   }
   // Xcode may name only the family ("network", "system").
   if (api != StoreKitAPI::verification) {
     for (const char* caseName : {"networkError", "systemError", "notAvailableInStorefront",
                                  "notEntitled", "userCancelled", "unknown"}) {
-      if (fold(caseName).rfind(folded, 0) == 0) return StoreKitError::named(caseName);
+      if (foldName(caseName).rfind(folded, 0) == 0) return {Family::storeKit, caseName};
     }
   }
   current.fail("unknown error \"" + name + "\"");
@@ -283,52 +269,15 @@ StoreSettings readSettings(const Reader& reader) {
     if (!api) continue;  // a call this store does not simulate
     auto current = entry.member("current");
     auto error = current ? readSimulatedError(*current, *api)
-                         : std::optional<SimulatedError>(
-                               *api == StoreKitAPI::verification
-                                   ? SimulatedError(VerificationError(
-                                         VerificationError::Code::invalidSignature))
-                                   : SimulatedError(StoreKitError::unknown()));
-    settings.simulatedErrors.emplace_back(*api, std::move(*error));
+                 : *api == StoreKitAPI::verification
+                     ? StoreFailure{StoreFailure::Family::verification, "invalidSignature"}
+                     : StoreFailure{StoreFailure::Family::storeKit, "unknown"};
+    settings.simulatedErrors.emplace_back(*api, std::move(error));
   }
   return settings;
 }
 
 }  // namespace
-
-std::optional<StoreKitAPI> storeKitAPINamed(std::string_view name) {
-  static constexpr std::array<std::pair<const char*, StoreKitAPI>, 18> kNames = {{
-      {"loadProducts", StoreKitAPI::loadProducts},
-      {"purchase", StoreKitAPI::purchase},
-      {"verification", StoreKitAPI::verification},
-      {"appStoreSync", StoreKitAPI::appStoreSync},
-      {"appTransaction", StoreKitAPI::appTransaction},
-      {"subscriptionStatus", StoreKitAPI::subscriptionStatus},
-      {"manageSubscriptions", StoreKitAPI::manageSubscriptions},
-      {"refundRequest", StoreKitAPI::refundRequest},
-      {"offerCodeRedeem", StoreKitAPI::offerCodeRedeem},
-      {"manageSubscriptionsSheet", StoreKitAPI::manageSubscriptions},
-      {"refundRequestSheet", StoreKitAPI::refundRequest},
-      {"offerCodeRedeemSheet", StoreKitAPI::offerCodeRedeem},
-      {"loadProduct", StoreKitAPI::loadProducts},
-      {"purchases", StoreKitAPI::purchase},
-      {"sync", StoreKitAPI::appStoreSync},
-      {"subscriptionStatuses", StoreKitAPI::subscriptionStatus},
-      {"appTransactions", StoreKitAPI::appTransaction},
-      {"verify", StoreKitAPI::verification},
-  }};
-  const auto folded = fold(name);
-  for (const auto& [known, api] : kNames) {
-    if (fold(known) == folded) return api;
-  }
-  return std::nullopt;
-}
-
-std::optional<SimulatedError> simulatedErrorNamed(std::string_view name) {
-  if (auto error = StoreKitError::named(name)) return SimulatedError(std::move(*error));
-  if (auto error = PurchaseError::named(name)) return SimulatedError(std::move(*error));
-  if (auto error = VerificationError::named(name)) return SimulatedError(std::move(*error));
-  return std::nullopt;
-}
 
 const Localization* pickLocalization(const std::vector<Localization>& localizations,
                                      std::string_view locale) {
@@ -441,4 +390,4 @@ const ConfiguredGroup* StoreConfiguration::group(std::string_view groupID) const
   return nullptr;
 }
 
-}  // namespace storekit
+}  // namespace appstore

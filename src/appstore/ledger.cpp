@@ -1,0 +1,594 @@
+// The SQLite ledger: the checks a file passes before SQLite may write to it, the schema and
+// its migrations, the prepared statements of every query, and write()'s transaction.
+#include "appstore/ledger.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+#include <SQLiteCpp/Statement.h>
+#include <SQLiteCpp/Transaction.h>
+
+#include <array>
+#include <cerrno>
+#include <compare>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <utility>
+
+namespace appstore {
+namespace {
+
+// Written into the header of every ledger at creation ("VNTK"), so that a file of another
+// program is told apart from ours before anything is written to it.
+constexpr int kApplicationId = 0x564E544B;
+constexpr std::string_view kSQLiteHeader{"SQLite format 3\0", 16};
+
+// Each step brings the schema from version `from` to `from + 1`; a file is carried through
+// every step it has not seen, in one transaction. A new version adds a case and never edits
+// an earlier one, because files made by earlier builds have run those exact statements.
+void upgradeSchema(SQLite::Database& database, int from) {
+  switch (from) {
+    case 0:
+      // The typed columns are all the list queries read. The texts (a signed form is a few
+      // kilobytes) live in a table of their own so that listing a long history reads a few
+      // small pages instead of every signed form. The partial indexes carry the filters of the
+      // list queries word for word, which is what lets SQLite use them.
+      database.exec(R"sql(
+        CREATE TABLE transactions (
+          id INTEGER PRIMARY KEY,
+          original_id INTEGER NOT NULL,
+          product_id TEXT NOT NULL,
+          product_type TEXT NOT NULL,
+          group_id TEXT NOT NULL,
+          state INTEGER NOT NULL,
+          purchase_date INTEGER NOT NULL,
+          expires_date INTEGER,
+          revocation_date INTEGER,
+          upgraded INTEGER NOT NULL,
+          finished INTEGER NOT NULL);
+        CREATE TABLE transaction_texts (
+          id INTEGER PRIMARY KEY,
+          payload TEXT NOT NULL,
+          request TEXT NOT NULL,
+          signed_form TEXT NOT NULL);
+        CREATE INDEX transactions_history ON transactions (id)
+          WHERE state = 0 AND NOT (product_type = 'Consumable' AND finished = 1);
+        CREATE INDEX transactions_unfinished ON transactions (id)
+          WHERE state = 0 AND finished = 0;
+        CREATE INDEX transactions_entitlement_candidates ON transactions (id)
+          WHERE state = 0 AND revocation_date IS NULL AND product_type <> 'Consumable';
+        CREATE TABLE subscription_groups (
+          group_id TEXT PRIMARY KEY NOT NULL,
+          original_id INTEGER NOT NULL,
+          original_purchase_date INTEGER NOT NULL,
+          latest_id INTEGER NOT NULL,
+          auto_renew INTEGER NOT NULL,
+          pending_product_id TEXT,
+          offer_periods_left INTEGER NOT NULL,
+          continuing_offer TEXT NOT NULL) WITHOUT ROWID;
+        CREATE TABLE named_values (
+          key TEXT PRIMARY KEY NOT NULL,
+          value TEXT NOT NULL) WITHOUT ROWID;
+      )sql");
+      database.exec("PRAGMA application_id = " + std::to_string(kApplicationId));
+      break;
+  }
+}
+
+void migrate(SQLite::Database& database) {
+  const int version = database.execAndGet("PRAGMA user_version").getInt();
+  if (version >= Ledger::kSchemaVersion) return;
+  SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
+  for (int from = version; from < Ledger::kSchemaVersion; ++from) upgradeSchema(database, from);
+  database.exec("PRAGMA user_version = " + std::to_string(Ledger::kSchemaVersion));
+  transaction.commit();
+}
+
+// Committed changes survive a killed process once they are in the WAL; giving up the fsync
+// on every commit only risks the last ones on a power cut, which a test store can afford.
+void configure(SQLite::Database& database) {
+  database.exec("PRAGMA journal_mode = WAL");
+  database.exec("PRAGMA synchronous = NORMAL");
+}
+
+bool isDamage(const SQLite::Exception& error) {
+  const int code = error.getErrorCode() & 0xff;
+  return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
+}
+
+LedgerError openFailure(const std::string& label, const SQLite::Exception& error) {
+  if (isDamage(error)) return LedgerError(label + ": damaged (" + error.what() + ")");
+  return LedgerError(label + ": cannot open: " + error.what());
+}
+
+// quick_check reports on several lines, under a heading that names the schema; the error
+// is one line.
+std::string oneLine(std::string text) {
+  constexpr std::string_view kHeading = "*** in database main ***";
+  if (text.starts_with(kHeading)) text.erase(0, kHeading.size());
+  for (char& c : text) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  const auto start = text.find_first_not_of(' ');
+  return start == std::string::npos ? text : text.substr(start);
+}
+
+// Decides, reading only, whether a non-empty file is a ledger this build can open: SQLite is
+// not allowed to write to a file before it is known to be ours.
+void checkExistingFile(const std::string& path, const std::string& label, int fd) {
+  std::array<char, kSQLiteHeader.size()> header{};
+  const auto got = ::pread(fd, header.data(), header.size(), 0);
+  if (got != static_cast<ssize_t>(header.size()) ||
+      std::string_view(header.data(), header.size()) != kSQLiteHeader) {
+    throw LedgerError(label + ": not a SQLite database");
+  }
+  try {
+    SQLite::Database database(path, SQLite::OPEN_READONLY);
+    const int applicationId = database.execAndGet("PRAGMA application_id").getInt();
+    const int version = database.execAndGet("PRAGMA user_version").getInt();
+    // A ledger killed between switching to WAL and committing its schema is left empty;
+    // it is taken as a new one rather than refused for ever.
+    const bool empty = applicationId == 0 && version == 0 &&
+                       database.execAndGet("SELECT count(*) FROM sqlite_schema").getInt() == 0;
+    if (applicationId != kApplicationId && !empty) {
+      throw LedgerError(label + ": a SQLite database of something else (application_id " +
+                        std::to_string(applicationId) + ")");
+    }
+    if (version > Ledger::kSchemaVersion) {
+      throw LedgerError(label + ": schema version " + std::to_string(version) +
+                        " is newer than this build's (" + std::to_string(Ledger::kSchemaVersion) +
+                        ")");
+    }
+    const std::string verdict = database.execAndGet("PRAGMA quick_check(1)").getString();
+    if (verdict != "ok") throw LedgerError(label + ": damaged (" + oneLine(verdict) + ")");
+  } catch (const SQLite::Exception& error) {
+    throw openFailure(label, error);
+  }
+}
+
+// The files held by the ledgers of this process. A second ledger on one of them is refused
+// before it opens a descriptor of its own: closing any descriptor of a file drops every
+// POSIX lock the process holds on it, the ones SQLite keeps for the first ledger included.
+struct FileKey {
+  dev_t device;
+  ino_t inode;
+  auto operator<=>(const FileKey&) const = default;
+};
+std::mutex& heldFilesMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+std::set<FileKey>& heldFiles() {
+  static std::set<FileKey> files;
+  return files;
+}
+
+constexpr const char* kTypedColumns =
+    "t.id, t.original_id, t.product_id, t.product_type, t.group_id, t.state, t.purchase_date, "
+    "t.expires_date, t.revocation_date, t.upgraded, t.finished";
+constexpr const char* kGroupColumns =
+    "group_id, original_id, original_purchase_date, latest_id, auto_renew, pending_product_id, "
+    "offer_periods_left, continuing_offer";
+
+// Ids are App Store transaction numbers, far below 2^63; they are stored as SQLite integers.
+void bindId(SQLite::Statement& statement, int index, std::uint64_t id) {
+  statement.bind(index, static_cast<std::int64_t>(id));
+}
+
+void bindDate(SQLite::Statement& statement, int index, std::optional<platform::Date> date) {
+  if (date) {
+    statement.bind(index, platform::millisecondsSince1970(*date));
+  } else {
+    statement.bind(index);
+  }
+}
+
+std::optional<platform::Date> optionalDate(const SQLite::Column& column) {
+  if (column.isNull()) return std::nullopt;
+  return platform::dateFromMillisecondsSince1970(column.getInt64());
+}
+
+LedgerTransaction typedTransaction(const SQLite::Statement& row) {
+  LedgerTransaction transaction;
+  transaction.id = static_cast<std::uint64_t>(row.getColumn(0).getInt64());
+  transaction.originalID = static_cast<std::uint64_t>(row.getColumn(1).getInt64());
+  transaction.productID = row.getColumn(2).getString();
+  transaction.productType = row.getColumn(3).getString();
+  transaction.groupID = row.getColumn(4).getString();
+  transaction.state = static_cast<EntryState>(row.getColumn(5).getInt());
+  transaction.purchaseDate = platform::dateFromMillisecondsSince1970(row.getColumn(6).getInt64());
+  transaction.expiresDate = optionalDate(row.getColumn(7));
+  transaction.revocationDate = optionalDate(row.getColumn(8));
+  transaction.upgraded = row.getColumn(9).getInt() != 0;
+  transaction.finished = row.getColumn(10).getInt() != 0;
+  return transaction;
+}
+
+// The statements of every query and change, prepared once: a purchase runs a handful of them
+// and preparing costs more than running.
+struct Statements {
+  explicit Statements(SQLite::Database& database)
+      : putTransaction(database,
+                       "INSERT OR REPLACE INTO transactions (id, original_id, product_id, "
+                       "product_type, group_id, state, purchase_date, expires_date, "
+                       "revocation_date, upgraded, finished) "
+                       "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)"),
+        putTexts(database,
+                 "INSERT OR REPLACE INTO transaction_texts (id, payload, request, signed_form) "
+                 "VALUES (?1, ?2, ?3, ?4)"),
+        setFinished(database, "UPDATE transactions SET finished = 1 WHERE id = ?1"),
+        removeTransaction(database, "DELETE FROM transactions WHERE id = ?1"),
+        removeTexts(database, "DELETE FROM transaction_texts WHERE id = ?1"),
+        putGroup(database, std::string("INSERT OR REPLACE INTO subscription_groups (") +
+                               kGroupColumns + ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"),
+        removeGroup(database, "DELETE FROM subscription_groups WHERE group_id = ?1"),
+        putValue(database, "INSERT OR REPLACE INTO named_values (key, value) VALUES (?1, ?2)"),
+        transaction(database, std::string("SELECT ") + kTypedColumns +
+                                  ", x.payload, x.request, x.signed_form FROM transactions AS t "
+                                  "LEFT JOIN transaction_texts AS x ON x.id = t.id "
+                                  "WHERE t.id = ?1"),
+        // Each filter is the condition of its partial index, word for word.
+        lists{list(database, ""),
+              list(database, "WHERE state = 0 AND NOT (product_type = 'Consumable' AND "
+                             "finished = 1)"),
+              list(database, "WHERE state = 0 AND finished = 0"),
+              list(database, "WHERE state = 0 AND revocation_date IS NULL AND "
+                             "product_type <> 'Consumable'")},
+        signedForm(database, "SELECT signed_form FROM transaction_texts WHERE id = ?1"),
+        count(database, "SELECT count(*) FROM transactions"),
+        groups(database, std::string("SELECT ") + kGroupColumns +
+                             " FROM subscription_groups ORDER BY group_id"),
+        value(database, "SELECT value FROM named_values WHERE key = ?1") {}
+
+  static SQLite::Statement list(SQLite::Database& database, const char* filter) {
+    return SQLite::Statement(database, std::string("SELECT ") + kTypedColumns +
+                                           " FROM transactions AS t " + filter + " ORDER BY id");
+  }
+
+  SQLite::Statement putTransaction;
+  SQLite::Statement putTexts;
+  SQLite::Statement setFinished;
+  SQLite::Statement removeTransaction;
+  SQLite::Statement removeTexts;
+  SQLite::Statement putGroup;
+  SQLite::Statement removeGroup;
+  SQLite::Statement putValue;
+  SQLite::Statement transaction;
+  std::array<SQLite::Statement, 4> lists;  // by Selection
+  SQLite::Statement signedForm;
+  SQLite::Statement count;
+  SQLite::Statement groups;
+  SQLite::Statement value;
+};
+
+// A statement that failed is left unreset (its reset would throw the failure again), and a
+// query read to its first row holds a read snapshot until reset: each use starts afresh and
+// every query is reset once read.
+SQLite::Statement& fresh(SQLite::Statement& statement) {
+  statement.tryReset();
+  return statement;
+}
+
+class SQLiteLedger final : public Ledger {
+ public:
+  SQLiteLedger(std::string path, std::string label, std::unique_ptr<SQLite::Database> database,
+               int lockFd, FileKey file)
+      : path_(std::move(path)),
+        label_(std::move(label)),
+        lockFd_(lockFd),
+        file_(file),
+        database_(std::move(database)),
+        statements_(std::make_unique<Statements>(*database_)) {}
+
+  // SQLite's connection is closed, and has checkpointed the WAL, before the file is given up
+  // to the next owner; the statements go first because a connection with live statements
+  // does not close.
+  ~SQLiteLedger() override {
+    statements_.reset();
+    database_.reset();
+    if (lockFd_ >= 0) {
+      std::lock_guard lock(heldFilesMutex());
+      heldFiles().erase(file_);
+      ::close(lockFd_);
+    }
+  }
+
+  const std::string& path() const override { return path_; }
+
+  std::optional<LedgerTransaction> transaction(std::uint64_t id) override {
+    return read([&]() -> std::optional<LedgerTransaction> {
+      auto& query = fresh(statements_->transaction);
+      bindId(query, 1, id);
+      if (!query.executeStep()) return std::nullopt;
+      auto found = typedTransaction(query);
+      found.payload = query.getColumn(11).getString();
+      found.request = query.getColumn(12).getString();
+      found.signedForm = query.getColumn(13).getString();
+      query.reset();
+      return found;
+    });
+  }
+
+  std::vector<LedgerTransaction> transactions(Selection selection) override {
+    return read([&] {
+      auto& query = fresh(statements_->lists.at(static_cast<std::size_t>(selection)));
+      std::vector<LedgerTransaction> found;
+      while (query.executeStep()) found.push_back(typedTransaction(query));
+      return found;
+    });
+  }
+
+  std::optional<std::string> signedForm(std::uint64_t id) override {
+    return read([&]() -> std::optional<std::string> {
+      auto& query = fresh(statements_->signedForm);
+      bindId(query, 1, id);
+      if (!query.executeStep()) return std::nullopt;
+      std::string text = query.getColumn(0).getString();
+      query.reset();
+      if (text.empty()) return std::nullopt;
+      return text;
+    });
+  }
+
+  std::size_t transactionCount() override {
+    return read([&] {
+      auto& query = fresh(statements_->count);
+      query.executeStep();
+      const auto count = static_cast<std::size_t>(query.getColumn(0).getInt64());
+      query.reset();
+      return count;
+    });
+  }
+
+  std::vector<LedgerGroup> groups() override {
+    return read([&] {
+      auto& query = fresh(statements_->groups);
+      std::vector<LedgerGroup> found;
+      while (query.executeStep()) {
+        LedgerGroup group;
+        group.groupID = query.getColumn(0).getString();
+        group.originalID = static_cast<std::uint64_t>(query.getColumn(1).getInt64());
+        group.originalPurchaseDate =
+            platform::dateFromMillisecondsSince1970(query.getColumn(2).getInt64());
+        group.latestID = static_cast<std::uint64_t>(query.getColumn(3).getInt64());
+        group.autoRenew = query.getColumn(4).getInt() != 0;
+        if (!query.getColumn(5).isNull()) group.pendingProductID = query.getColumn(5).getString();
+        group.offerPeriodsLeft = query.getColumn(6).getInt64();
+        group.continuingOffer = query.getColumn(7).getString();
+        found.push_back(std::move(group));
+      }
+      return found;
+    });
+  }
+
+  std::optional<std::string> value(std::string_view key) override {
+    return read([&]() -> std::optional<std::string> {
+      auto& query = fresh(statements_->value);
+      query.bind(1, std::string(key));
+      if (!query.executeStep()) return std::nullopt;
+      std::string text = query.getColumn(0).getString();
+      query.reset();
+      return text;
+    });
+  }
+
+  void write(const std::function<void(LedgerWrite&)>& changes) override;
+
+ private:
+  class Changes;
+
+  template <typename Query>
+  auto read(Query query) -> decltype(query()) {
+    try {
+      return query();
+    } catch (const SQLite::Exception& error) {
+      throw LedgerError(label_ + ": cannot read: " + error.what());
+    }
+  }
+
+  LedgerError commitFailure(const SQLite::Exception& error) const {
+    return LedgerError(label_ + ": cannot commit: " + error.what());
+  }
+
+  std::string path_;
+  std::string label_;  // how errors name the ledger
+  int lockFd_;         // holds the flock that makes this ledger the file's only owner
+  FileKey file_;
+  std::unique_ptr<SQLite::Database> database_;
+  std::unique_ptr<Statements> statements_;
+};
+
+class SQLiteLedger::Changes final : public LedgerWrite {
+ public:
+  explicit Changes(SQLiteLedger& ledger) : ledger_(ledger), statements_(*ledger.statements_) {}
+
+  void putTransaction(const LedgerTransaction& transaction) override {
+    apply([&] {
+      auto& row = fresh(statements_.putTransaction);
+      bindId(row, 1, transaction.id);
+      bindId(row, 2, transaction.originalID);
+      row.bind(3, transaction.productID);
+      row.bind(4, transaction.productType);
+      row.bind(5, transaction.groupID);
+      row.bind(6, static_cast<int>(transaction.state));
+      bindDate(row, 7, transaction.purchaseDate);
+      bindDate(row, 8, transaction.expiresDate);
+      bindDate(row, 9, transaction.revocationDate);
+      row.bind(10, transaction.upgraded ? 1 : 0);
+      row.bind(11, transaction.finished ? 1 : 0);
+      row.exec();
+      auto& texts = fresh(statements_.putTexts);
+      bindId(texts, 1, transaction.id);
+      texts.bind(2, transaction.payload);
+      texts.bind(3, transaction.request);
+      texts.bind(4, transaction.signedForm);
+      texts.exec();
+    });
+  }
+
+  void setFinished(std::uint64_t id) override {
+    apply([&] {
+      auto& row = fresh(statements_.setFinished);
+      bindId(row, 1, id);
+      row.exec();
+    });
+  }
+
+  void removeTransaction(std::uint64_t id) override {
+    apply([&] {
+      for (auto* statement : {&statements_.removeTransaction, &statements_.removeTexts}) {
+        bindId(fresh(*statement), 1, id);
+        statement->exec();
+      }
+    });
+  }
+
+  void removeHistory() override {
+    apply([&] {
+      ledger_.database_->exec(
+          "DELETE FROM transactions; DELETE FROM transaction_texts; "
+          "DELETE FROM subscription_groups;");
+    });
+  }
+
+  void putGroup(const LedgerGroup& group) override {
+    apply([&] {
+      auto& row = fresh(statements_.putGroup);
+      row.bind(1, group.groupID);
+      bindId(row, 2, group.originalID);
+      bindDate(row, 3, group.originalPurchaseDate);
+      bindId(row, 4, group.latestID);
+      row.bind(5, group.autoRenew ? 1 : 0);
+      if (group.pendingProductID) {
+        row.bind(6, *group.pendingProductID);
+      } else {
+        row.bind(6);
+      }
+      row.bind(7, group.offerPeriodsLeft);
+      row.bind(8, group.continuingOffer);
+      row.exec();
+    });
+  }
+
+  void removeGroup(std::string_view groupID) override {
+    apply([&] {
+      auto& row = fresh(statements_.removeGroup);
+      row.bind(1, std::string(groupID));
+      row.exec();
+    });
+  }
+
+  void putValue(std::string_view key, std::string_view value) override {
+    apply([&] {
+      auto& row = fresh(statements_.putValue);
+      row.bind(1, std::string(key));
+      row.bind(2, std::string(value));
+      row.exec();
+    });
+  }
+
+  // The failure a change met. The write fails with it even when the caller's code caught it
+  // and went on: after some failures SQLite has already ended the transaction, and later
+  // changes would be committed one by one.
+  const std::optional<LedgerError>& failure() const { return failure_; }
+
+ private:
+  template <typename Change>
+  void apply(Change change) {
+    if (failure_) throw *failure_;
+    try {
+      change();
+    } catch (const SQLite::Exception& error) {
+      failure_.emplace(ledger_.commitFailure(error));
+      throw *failure_;
+    }
+  }
+
+  SQLiteLedger& ledger_;
+  Statements& statements_;
+  std::optional<LedgerError> failure_;
+};
+
+void SQLiteLedger::write(const std::function<void(LedgerWrite&)>& changes) {
+  try {
+    SQLite::Transaction transaction(*database_, SQLite::TransactionBehavior::IMMEDIATE);
+    Changes writes(*this);
+    changes(writes);
+    if (writes.failure()) throw *writes.failure();
+    transaction.commit();
+  } catch (const SQLite::Exception& error) {
+    // Leaving the block without commit() has rolled back, also after a COMMIT that failed and
+    // that SQLite had already rolled back itself (SQLite::Transaction ignores the second
+    // ROLLBACK's "no transaction is active").
+    throw commitFailure(error);
+  }
+}
+
+std::unique_ptr<Ledger> openInMemory() {
+  const std::string label = "state ledger in memory";
+  try {
+    auto database = std::make_unique<SQLite::Database>(
+        ":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    configure(*database);
+    migrate(*database);
+    return std::make_unique<SQLiteLedger>("", label, std::move(database), -1, FileKey{});
+  } catch (const SQLite::Exception& error) {
+    throw LedgerError(label + ": cannot create: " + error.what());
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<Ledger> Ledger::open(const std::string& path) {
+  if (path.empty()) return openInMemory();
+  const std::string label = "state file " + path;
+  const std::string inUse = label + ": in use by another process";
+
+  std::lock_guard lock(heldFilesMutex());
+  struct stat info {};
+  const bool existed = ::stat(path.c_str(), &info) == 0;
+  if (existed && heldFiles().contains(FileKey{info.st_dev, info.st_ino})) throw LedgerError(inUse);
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    throw LedgerError(label + (existed ? ": cannot open: " : ": cannot create: ") +
+                      std::strerror(errno));
+  }
+  // The lock comes before any check, so that no other ledger can change the file between the
+  // checks and the opening. The kernel drops it with the descriptor, also when killed.
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::fstat(fd, &info) != 0) {
+    const int cause = errno;
+    ::close(fd);
+    if (cause == EWOULDBLOCK) throw LedgerError(inUse);
+    throw LedgerError(label + ": cannot lock: " + std::strerror(cause));
+  }
+  const bool creating = info.st_size == 0;
+  const FileKey file{info.st_dev, info.st_ino};
+  try {
+    heldFiles().insert(file);
+    if (!creating) checkExistingFile(path, label, fd);
+    try {
+      auto database = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE);
+      configure(*database);
+      migrate(*database);
+      // The last step: from here on the ledger owns the descriptor.
+      return std::make_unique<SQLiteLedger>(path, label, std::move(database), fd, file);
+    } catch (const SQLite::Exception& error) {
+      if (creating) throw LedgerError(label + ": cannot create: " + error.what());
+      throw openFailure(label, error);
+    }
+  } catch (...) {
+    heldFiles().erase(file);
+    // A file this call created and could not make a ledger of is not left behind.
+    if (!existed) ::unlink(path.c_str());
+    ::close(fd);
+    throw;
+  }
+}
+
+}  // namespace appstore

@@ -1,0 +1,122 @@
+// Ledger: the App Store's durable memory, one SQLite database. It holds the account's
+// transactions (typed columns the store queries, with the signed form stored once beside
+// them), the subscription of each group, and named values (id counters, the clock's offset,
+// the device and the signing identity). All of the store's SQL lives here.
+//
+// Without a path the database is in memory; with one it lives in that file, in WAL mode,
+// owned by this Ledger alone (a second Ledger on the same file, in this process or another,
+// is refused). A file that is not a ledger this build can read is refused and left exactly as
+// it was.
+//
+// Every change goes through write(): one SQLite transaction, committed before write()
+// returns, or rolled back as a whole when anything in it fails. Not thread-safe: the store
+// calls it with its own lock held.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/date.h"
+
+namespace appstore {
+
+// A ledger that cannot be opened or a change that cannot be committed. The message is one
+// line naming the file and the cause.
+class LedgerError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// What became of a purchase request.
+enum class EntryState : int { purchased = 0, pendingAskToBuy = 1, declined = 2, interrupted = 3 };
+
+struct LedgerTransaction {
+  std::uint64_t id = 0;
+  std::uint64_t originalID = 0;
+  std::string productID;
+  // The App Store's type name: "Consumable", "Non-Consumable", "Non-Renewing Subscription",
+  // "Auto-Renewable Subscription".
+  std::string productType;
+  std::string groupID;  // auto-renewable subscriptions only
+  EntryState state = EntryState::purchased;
+  platform::Date purchaseDate;
+  std::optional<platform::Date> expiresDate;
+  std::optional<platform::Date> revocationDate;
+  bool upgraded = false;
+  bool finished = false;
+  // Read only by transaction(id); left empty by the list queries.
+  std::string payload;     // the JSON text the store signed (purchased entries)
+  std::string request;     // what a pending or interrupted request will buy (JSON text)
+  std::string signedForm;  // the compact JWS handed out (purchased entries)
+};
+
+// The subscription an account holds in one group.
+struct LedgerGroup {
+  std::string groupID;
+  std::uint64_t originalID = 0;
+  platform::Date originalPurchaseDate;
+  std::uint64_t latestID = 0;
+  bool autoRenew = true;
+  std::optional<std::string> pendingProductID;  // a downgrade waiting for the next renewal
+  std::int64_t offerPeriodsLeft = 0;
+  std::string continuingOffer;  // JSON text of the offer later renewals keep; empty for none
+};
+
+// Which transactions a list query answers, in id order.
+enum class Selection {
+  everything,         // every entry, whatever its state
+  history,            // purchased, except finished consumables
+  unfinished,         // purchased and not finished
+  entitlementCandidates,  // purchased, not revoked, not consumable
+};
+
+// The changes of one write. Only valid inside the write() call that made it.
+class LedgerWrite {
+ public:
+  virtual ~LedgerWrite() = default;
+  // Inserts or replaces the entry with this id, every column including the signed form.
+  virtual void putTransaction(const LedgerTransaction& transaction) = 0;
+  virtual void setFinished(std::uint64_t id) = 0;
+  virtual void removeTransaction(std::uint64_t id) = 0;
+  // Every transaction and every group.
+  virtual void removeHistory() = 0;
+  virtual void putGroup(const LedgerGroup& group) = 0;
+  virtual void removeGroup(std::string_view groupID) = 0;
+  virtual void putValue(std::string_view key, std::string_view value) = 0;
+};
+
+class Ledger {
+ public:
+  static constexpr int kSchemaVersion = 1;
+
+  // In memory when `path` is empty; otherwise the file, created when missing (or empty).
+  // Throws LedgerError, naming the file: not a SQLite database, a SQLite database of
+  // something else, damaged or truncated, a newer schema version than this build's, in use
+  // by another ledger, or not creatable.
+  static std::unique_ptr<Ledger> open(const std::string& path);
+
+  virtual ~Ledger() = default;
+
+  // The file, or empty in memory.
+  virtual const std::string& path() const = 0;
+
+  virtual std::optional<LedgerTransaction> transaction(std::uint64_t id) = 0;
+  virtual std::vector<LedgerTransaction> transactions(Selection selection) = 0;
+  virtual std::optional<std::string> signedForm(std::uint64_t id) = 0;
+  virtual std::size_t transactionCount() = 0;
+  virtual std::vector<LedgerGroup> groups() = 0;
+  virtual std::optional<std::string> value(std::string_view key) = 0;
+
+  // Applies `changes` in one SQLite transaction and commits it. When `changes` throws, or
+  // the commit fails, nothing of it stays and the error goes to the caller (a failed commit
+  // as LedgerError).
+  virtual void write(const std::function<void(LedgerWrite&)>& changes) = 0;
+};
+
+}  // namespace appstore

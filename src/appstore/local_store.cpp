@@ -1,0 +1,340 @@
+#include "appstore/local_store.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+#include "appstore/store_state.h"
+
+namespace appstore {
+using Kind = ConfiguredProduct::Kind;
+using std::chrono::milliseconds;
+
+// --- The process's store -------------------------------------------------------------------
+
+namespace {
+// Never destroyed: tasks still running while the process exits may ask for the store.
+std::mutex& sharedMutex() {
+  static auto* mutex = new std::mutex;
+  return *mutex;
+}
+std::shared_ptr<LocalStore>& sharedStore() {
+  static auto* store = new std::shared_ptr<LocalStore>;
+  return *store;
+}
+
+std::shared_ptr<const SigningAuthority> sharedAuthority() {
+  // Never destroyed: stores made while the process exits still need it.
+  static const auto* authority = new std::shared_ptr<const SigningAuthority>(SigningAuthority::generate());
+  return *authority;
+}
+}  // namespace
+
+std::shared_ptr<LocalStore> LocalStore::shared() {
+  std::lock_guard lock(sharedMutex());
+  if (sharedStore()) return sharedStore();
+  StoreConfiguration configuration;
+  const char* configPath = std::getenv("VORNTESK_STOREKIT_CONFIG");
+  if (configPath && *configPath) {
+    try {
+      configuration = StoreConfiguration::load(configPath);
+    } catch (const ConfigurationError& error) {
+      std::fprintf(stderr, "StoreKit: configuration refused: %s\n", error.what());
+    }
+  }
+  const char* statePath = std::getenv("VORNTESK_STOREKIT_STATE");
+  if (statePath && *statePath) {
+    try {
+      sharedStore() = open(statePath, configuration);
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "StoreKit: %s; keeping the ledger in memory\n", error.what());
+    }
+  }
+  if (!sharedStore()) {
+    try {
+      sharedStore() = create(std::move(configuration));
+    } catch (const ConfigurationError& error) {
+      std::fprintf(stderr, "StoreKit: configuration refused: %s\n", error.what());
+      sharedStore() = create();
+    }
+  }
+  return sharedStore();
+}
+
+std::shared_ptr<LocalStore> LocalStore::setShared(std::shared_ptr<LocalStore> store) {
+  std::lock_guard lock(sharedMutex());
+  std::swap(store, sharedStore());
+  return store;
+}
+
+std::shared_ptr<LocalStore> LocalStore::create(StoreConfiguration configuration,
+                                               std::shared_ptr<const SigningAuthority> authority) {
+  auto state = std::make_unique<State>(Ledger::open(""), authority ? authority : sharedAuthority());
+  auto signer = state->authority;
+  std::shared_ptr<LocalStore> store(new LocalStore(std::move(state), std::move(signer)));
+  store->loadConfiguration(std::move(configuration));
+  return store;
+}
+
+std::shared_ptr<LocalStore> LocalStore::open(const std::string& statePath,
+                                             StoreConfiguration configuration) {
+  auto state = std::make_unique<State>(Ledger::open(statePath), nullptr);
+  auto signer = state->authority;
+  std::shared_ptr<LocalStore> store(new LocalStore(std::move(state), std::move(signer)));
+  store->loadConfiguration(std::move(configuration));
+  return store;
+}
+
+std::shared_ptr<LocalStore> LocalStore::createFromFile(const std::string& path) {
+  return create(StoreConfiguration::load(path));
+}
+
+LocalStore::LocalStore(std::unique_ptr<State> state, std::shared_ptr<const SigningAuthority> authority)
+    : authority_(std::move(authority)), state_(std::move(state)) {
+  renewalThread_ = std::jthread([this](std::stop_token stop) { renewalLoop(stop); });
+}
+
+LocalStore::~LocalStore() {
+  renewalThread_.request_stop();
+  if (renewalThread_.joinable()) renewalThread_.join();
+}
+
+void LocalStore::wakeRenewals() {
+  state_->wake = true;
+  timerChanged_.notify_all();
+}
+
+void LocalStore::renewalLoop(std::stop_token stop) {
+  std::unique_lock lock(mutex_);
+  while (!stop.stop_requested()) {
+    state_->wake = false;
+    const auto due = state_->nextRenewal();
+    if (due) {
+      const auto wait = std::max(milliseconds(0), *due - state_->now());
+      timerChanged_.wait_for(lock, stop, wait, [&] { return state_->wake; });
+    } else {
+      timerChanged_.wait(lock, stop, [&] { return state_->wake; });
+    }
+    if (stop.stop_requested()) break;
+    std::vector<SignedTransaction> renewed;
+    try {
+      state_->commit([&](LedgerWrite& write) { renewed = state_->renewDue(write); });
+    } catch (const std::exception& error) {
+      // Nothing was renewed; the next wake-up tries again.
+      std::fprintf(stderr, "StoreKit: renewals not saved: %s\n", error.what());
+      renewed.clear();
+      timerChanged_.wait_for(lock, stop, std::chrono::seconds(1), [&] { return state_->wake; });
+    }
+    state_->broadcast(renewed);
+  }
+}
+
+// --- What a device calls -----------------------------------------------------------------------
+
+ProductListing LocalStore::products(const std::vector<std::string>& ids) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  state.throwIfSimulated(StoreKitAPI::loadProducts);
+  ProductListing listing;
+  listing.locale = state.settings.locale;
+  listing.storefront = state.storefront();
+  for (const auto& configured : state.configuration.products) {
+    const auto count = std::count(ids.begin(), ids.end(), configured.productID);
+    for (std::ptrdiff_t i = 0; i < count; ++i) listing.products.push_back(configured);
+  }
+  listing.groups = state.configuration.groups;
+  return listing;
+}
+
+PurchaseOutcome LocalStore::purchase(const PurchaseRequest& request) {
+  SignedTransaction made;
+  {
+    std::lock_guard lock(mutex_);
+    auto& state = *state_;
+    state.throwIfSimulated(StoreKitAPI::purchase);
+    if (state.settings.failTransactionsEnabled) {
+      throw StoreFailureError({StoreFailure::Family::storeKit, "unknown"});
+    }
+    const auto* product = state.configuration.product(request.productID);
+    if (!product) throw StoreFailureError::purchase("productUnavailable");
+    const auto checked = state.check(*product, request);
+    if (const auto next = std::exchange(state.nextPurchase, std::nullopt)) {
+      if (*next == NextPurchaseResult::userCancelled) return {PurchaseOutcome::Kind::userCancelled, {}};
+      return {PurchaseOutcome::Kind::unrecognized, {}};
+    }
+    if (state.settings.askToBuyEnabled || checked.askToBuy || state.settings.interruptedPurchasesEnabled) {
+      const bool interrupted = !(state.settings.askToBuyEnabled || checked.askToBuy);
+      state.commit([&](LedgerWrite& write) {
+        state.putWaitingRequest(write, state.nextID++, checked,
+                                interrupted ? TestTransaction::State::interrupted
+                                            : TestTransaction::State::pendingAskToBuy);
+        state.putCounters(write);
+      });
+      // An interrupted purchase fails in the app; it completes later, outside it.
+      return {interrupted ? PurchaseOutcome::Kind::userCancelled : PurchaseOutcome::Kind::pending, {}};
+    }
+    bool created = false;
+    state.commit([&](LedgerWrite& write) {
+      made = state.completePurchase(write, *product, checked, std::nullopt, created);
+    });
+  }
+  timerChanged_.notify_all();
+  return {PurchaseOutcome::Kind::success, std::move(made)};
+}
+
+void LocalStore::finish(std::uint64_t transactionID) {
+  std::lock_guard lock(mutex_);
+  const auto row = state_->ledger->transaction(transactionID);
+  if (!row || row->state != EntryState::purchased || row->finished) return;
+  state_->commit([&](LedgerWrite& write) { write.setFinished(transactionID); });
+}
+
+void LocalStore::sync() {
+  std::lock_guard lock(mutex_);
+  state_->throwIfSimulated(StoreKitAPI::appStoreSync);
+}
+
+std::optional<Storefront> LocalStore::currentStorefront() {
+  std::lock_guard lock(mutex_);
+  if (!state_->storefrontAvailable) return std::nullopt;
+  return state_->storefront();
+}
+
+std::vector<std::uint64_t> LocalStore::transactionIDs(Listing listing) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  std::vector<std::uint64_t> ids;
+  if (listing != Listing::currentEntitlements) {
+    const auto selection = listing == Listing::all ? Selection::history : Selection::unfinished;
+    for (const auto& row : state.ledger->transactions(selection)) ids.push_back(row.id);
+    return ids;
+  }
+  // Non-consumables, the latest non-renewing subscription of each product, and the latest
+  // auto-renewable subscription of each group while it is active.
+  const auto now = state.now();
+  const auto candidates = state.ledger->transactions(Selection::entitlementCandidates);
+  std::map<std::string, const LedgerTransaction*> latest;
+  auto later = [](const LedgerTransaction& a, const LedgerTransaction& b) {
+    return a.purchaseDate > b.purchaseDate || (a.purchaseDate == b.purchaseDate && a.id > b.id);
+  };
+  for (const auto& row : candidates) {
+    if (row.productType == "Non-Consumable") continue;
+    const auto key = row.productType + "\n" + (row.groupID.empty() ? row.productID : row.groupID);
+    auto& current = latest[key];
+    if (!current || later(row, *current)) current = &row;
+  }
+  for (const auto& row : candidates) {
+    if (row.productType == "Non-Consumable") {
+      ids.push_back(row.id);
+      continue;
+    }
+    const auto key = row.productType + "\n" + (row.groupID.empty() ? row.productID : row.groupID);
+    if (latest[key] != &row) continue;
+    if (row.productType == "Auto-Renewable Subscription" &&
+        (row.upgraded || !row.expiresDate || *row.expiresDate <= now)) {
+      continue;
+    }
+    ids.push_back(row.id);
+  }
+  return ids;
+}
+
+std::optional<std::string> LocalStore::signedForm(std::uint64_t transactionID) {
+  std::lock_guard lock(mutex_);
+  return state_->ledger->signedForm(transactionID);
+}
+
+void LocalStore::addTransactionListener(TransactionListener listener, bool replayUnfinished) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  if (replayUnfinished) {
+    std::vector<SignedTransaction> unfinished;
+    for (const auto& row : state.ledger->transactions(Selection::unfinished)) {
+      unfinished.push_back({row.id, state.ledger->signedForm(row.id).value_or("")});
+    }
+    if (!unfinished.empty() && !listener(unfinished)) return;
+  }
+  state.listeners.push_back(std::move(listener));
+}
+
+std::optional<StoreFailure> LocalStore::verificationFailure(std::uint64_t transactionID) {
+  std::lock_guard lock(mutex_);
+  if (const auto it = state_->verificationFailures.find(transactionID); it != state_->verificationFailures.end()) {
+    return it->second;
+  }
+  if (const auto it = state_->simulatedErrors.find(StoreKitAPI::verification); it != state_->simulatedErrors.end()) {
+    return it->second;
+  }
+  return std::nullopt;
+}
+
+platform::UUID LocalStore::deviceIdentifier() const {
+  std::lock_guard lock(mutex_);
+  return state_->deviceID;
+}
+
+// --- Configuration ----------------------------------------------------------------------------
+
+void LocalStore::loadConfiguration(StoreConfiguration configuration) {
+  if (!storefrontForCountry(configuration.settings.storefront)) {
+    throw ConfigurationError("settings._storefront: unknown storefront \"" +
+                             configuration.settings.storefront + "\"");
+  }
+  std::lock_guard lock(mutex_);
+  state_->applySettings(configuration.settings);
+  state_->configuration = std::move(configuration);
+  wakeRenewals();
+}
+
+std::string LocalStore::bundleID() const {
+  std::lock_guard lock(mutex_);
+  return state_->bundleID;
+}
+
+void LocalStore::setBundleID(std::string bundleID) {
+  std::lock_guard lock(mutex_);
+  state_->bundleID = std::move(bundleID);
+}
+
+void LocalStore::setEnvironment(const std::string& environment) {
+  if (environment != "Xcode" && environment != "Sandbox") {
+    throw std::invalid_argument("unknown environment \"" + environment + "\" (Xcode or Sandbox)");
+  }
+  std::lock_guard lock(mutex_);
+  state_->environment = environment;
+}
+
+std::string LocalStore::environment() const {
+  std::lock_guard lock(mutex_);
+  return state_->environment;
+}
+
+std::string LocalStore::statePath() const {
+  std::lock_guard lock(mutex_);
+  return state_->ledger->path();
+}
+
+platform::Date LocalStore::now() const {
+  std::lock_guard lock(mutex_);
+  return state_->now();
+}
+
+void LocalStore::advanceTime(milliseconds amount) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  std::vector<SignedTransaction> renewed;
+  state.commit([&](LedgerWrite& write) {
+    state.clockOffset += amount;
+    renewed = state.renewDue(write);
+    state.putCounters(write);
+  });
+  state.broadcast(renewed);
+  wakeRenewals();
+}
+
+void LocalStore::advanceTime(double seconds) {
+  advanceTime(milliseconds(static_cast<std::int64_t>(seconds * 1000.0)));
+}
+
+}  // namespace appstore

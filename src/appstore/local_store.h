@@ -1,0 +1,246 @@
+// LocalStore: the simulated App Store, like Xcode's StoreKit testing and the sandbox
+// together. It serves the products of a .storekit configuration, turns purchases into signed
+// transactions, keeps the account's history, subscriptions and unfinished set in its ledger
+// (in memory, or in a state file that survives relaunches and kills), renews subscriptions on
+// its own clock, and offers the controls of SKTestSession to tests and to the host driver.
+// A device talks to it through the calls in the first section, in the App Store's terms:
+// product listings, signed transactions and failures, never StoreKit's types.
+//
+// One store per process (LocalStore::shared()); tests may install another. Every member may
+// be called from any thread. Every change a caller is told about is committed to the ledger
+// before the call returns; a change that cannot be committed fails the call and leaves the
+// store as it was. A background thread renews subscriptions when they come due.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/json/object.hpp>
+
+#include "appstore/signing_authority.h"
+#include "appstore/store_configuration.h"
+#include "appstore/store_failure.h"
+#include "appstore/storefronts.h"
+#include "platform/date.h"
+#include "platform/uuid.h"
+
+namespace appstore {
+
+// A transaction as the store hands it to a device: its id and its compact JWS.
+struct SignedTransaction {
+  std::uint64_t id = 0;
+  std::string jws;
+};
+
+// What a device asks to buy, with the options of its purchase call.
+struct PurchaseRequest {
+  struct PromotionalOffer {
+    std::string offerID;
+    std::string keyID;
+    platform::UUID nonce;
+    std::string signature;  // Base64
+    std::int64_t timestamp = 0;
+  };
+
+  std::string productID;
+  std::optional<std::int64_t> quantity;
+  std::optional<platform::UUID> appAccountToken;
+  std::optional<PromotionalOffer> promotionalOffer;
+  std::optional<std::string> winBackOfferID;
+  bool askToBuy = false;
+};
+
+struct PurchaseOutcome {
+  enum class Kind { success, pending, userCancelled, unrecognized };
+  Kind kind = Kind::success;
+  SignedTransaction transaction;  // success only
+};
+
+// What a device needs to describe products: the configured entries asked for (in the
+// store's order, repeated as asked), their groups, and the account's locale and storefront.
+struct ProductListing {
+  std::vector<ConfiguredProduct> products;
+  std::vector<ConfiguredGroup> groups;
+  std::string locale;
+  Storefront storefront;
+};
+
+// One entry of the store's history as SKTestTransaction shows it.
+struct TestTransaction {
+  enum class State { purchased, pendingAskToBuy, declined, interrupted };
+
+  std::uint64_t identifier = 0;
+  std::string productIdentifier;
+  State state = State::purchased;
+  bool pendingAskToBuyConfirmation = false;
+  bool hasPurchaseIssue = false;
+  bool finished = false;
+  bool revoked = false;
+  bool autoRenewingEnabled = false;  // auto-renewable subscriptions that will renew
+  std::optional<std::uint64_t> originalTransactionIdentifier;
+  std::optional<platform::Date> purchaseDate;
+  std::optional<platform::Date> expirationDate;
+  std::string jwsRepresentation;  // empty until purchased
+};
+
+class LocalStore : public std::enable_shared_from_this<LocalStore> {
+ public:
+  // What the next purchase answers instead of going through.
+  enum class NextPurchaseResult { userCancelled, unrecognized };
+  // Which transactions a device lists.
+  enum class Listing { all, currentEntitlements, unfinished };
+  // Told about transactions made or changed, with the store's lock held (so it must not
+  // call the store). It answers false once it wants no more.
+  using TransactionListener = std::function<bool(const std::vector<SignedTransaction>&)>;
+
+  // The process's store, made on first use: the configuration named by
+  // VORNTESK_STOREKIT_CONFIG, the state file named by VORNTESK_STOREKIT_STATE (a file that
+  // cannot be used is reported on stderr, and the store then keeps its ledger in memory).
+  static std::shared_ptr<LocalStore> shared();
+  // Installs `store` as the process's store and returns the one it replaces. Passing null
+  // makes the next shared() load afresh.
+  static std::shared_ptr<LocalStore> setShared(std::shared_ptr<LocalStore> store);
+
+  // A store whose ledger is in memory, signing with `authority` (default: the process's).
+  static std::shared_ptr<LocalStore> create(StoreConfiguration configuration = {},
+                                            std::shared_ptr<const SigningAuthority> authority = {});
+  // A store whose ledger is the state file at `statePath`, created when missing; it signs
+  // with the identity the file keeps. Throws LedgerError (naming the file) for a file it
+  // cannot own or read, ConfigurationError for settings it cannot honour.
+  static std::shared_ptr<LocalStore> open(const std::string& statePath,
+                                          StoreConfiguration configuration = {});
+  // In memory, with the configuration file at `path`. Throws ConfigurationError.
+  static std::shared_ptr<LocalStore> createFromFile(const std::string& path);
+
+  ~LocalStore();
+  LocalStore(const LocalStore&) = delete;
+  LocalStore& operator=(const LocalStore&) = delete;
+
+  // --- What a device calls ----------------------------------------------------------------
+  // These throw StoreFailureError for what the store refuses or a session simulates, and
+  // LedgerError when a change cannot be committed.
+  ProductListing products(const std::vector<std::string>& ids);
+  PurchaseOutcome purchase(const PurchaseRequest& request);
+  void finish(std::uint64_t transactionID);
+  void sync();
+  std::optional<Storefront> currentStorefront();
+  // The ids of the transactions a listing holds, oldest first.
+  std::vector<std::uint64_t> transactionIDs(Listing listing);
+  // The signed form a transaction is handed out with; nothing for an unknown id.
+  std::optional<std::string> signedForm(std::uint64_t transactionID);
+  // Registers `listener` for every later change. With `replayUnfinished`, it first hears of
+  // every unfinished transaction, in the same step, so that nothing is missed or told twice.
+  void addTransactionListener(TransactionListener listener, bool replayUnfinished);
+  // The failure a session forces on verifying this transaction, if any.
+  std::optional<StoreFailure> verificationFailure(std::uint64_t transactionID);
+  platform::UUID deviceIdentifier() const;
+  // The root certificate (DER) the store's chain ends in.
+  const std::string& rootCertificate() const { return authority_->rootCertificate(); }
+  const SigningAuthority& signingAuthority() const { return *authority_; }
+
+  // --- Configuration and identity ---------------------------------------------------------
+  // Replaces the products and the settings; the history stays. Throws ConfigurationError for
+  // settings the store cannot honour (an unknown storefront).
+  void loadConfiguration(StoreConfiguration configuration);
+  std::string bundleID() const;
+  void setBundleID(std::string bundleID);
+  // The environment written into everything the store signs from now on: "Xcode" by
+  // default, or "Sandbox". Throws std::invalid_argument for another name.
+  void setEnvironment(const std::string& environment);
+  std::string environment() const;
+  // The state file, or empty when the ledger is in memory.
+  std::string statePath() const;
+
+  // --- SKTestSession's controls -----------------------------------------------------------
+  bool askToBuyEnabled() const;
+  void setAskToBuyEnabled(bool enabled);
+  bool interruptedPurchasesEnabled() const;
+  void setInterruptedPurchasesEnabled(bool enabled);
+  bool failTransactionsEnabled() const;
+  void setFailTransactionsEnabled(bool enabled);
+  int timeRate() const;
+  void setTimeRate(int rate);
+  std::string storefront() const;
+  void setStorefront(const std::string& countryCode);  // throws std::invalid_argument
+  std::string locale() const;
+  void setLocale(const std::string& locale);
+
+  std::vector<TestTransaction> allTransactions() const;
+  void clearTransactions();
+  void deleteTransaction(std::uint64_t identifier);
+  // Settings back to those of the configuration; history, simulated errors and every other
+  // control cleared.
+  void resetToDefaultState();
+
+  // A purchase made outside the app (another device, the App Store); delivered to the
+  // listeners. The request may name a promotional offer. Throws like purchase().
+  SignedTransaction buyProduct(const PurchaseRequest& request);
+  SignedTransaction buyProduct(const std::string& productID);
+  // An offer code redeemed outside the app; delivered to the listeners.
+  SignedTransaction redeemOfferCode(const std::string& productID, const std::string& offerID);
+
+  // The controls below throw std::invalid_argument for an identifier they cannot act on.
+  void approveAskToBuyTransaction(std::uint64_t identifier);
+  void declineAskToBuyTransaction(std::uint64_t identifier);
+  void resolveIssueForTransaction(std::uint64_t identifier);
+  // `reason` is the revocation reason's raw value (0 other, 1 a developer issue).
+  void refundTransaction(std::uint64_t identifier, std::int64_t reason = 0);
+  void expireSubscription(const std::string& productID);
+  void forceRenewalOfSubscription(const std::string& productID);
+  void disableAutoRenewForTransaction(std::uint64_t identifier);
+  void enableAutoRenewForTransaction(std::uint64_t identifier);
+
+  // Makes `api` fail with `error` until cleared with nothing. Throws std::invalid_argument
+  // for an error that cannot be simulated for that call (StoreFailure::fits).
+  void setSimulatedError(StoreKitAPI api, std::optional<StoreFailure> error);
+  // Makes one transaction come out unverified with `error`, a verification failure (nothing
+  // clears it).
+  void setVerificationFailure(std::uint64_t identifier, std::optional<StoreFailure> error);
+  // Without a storefront, a device's current storefront is nothing.
+  void setStorefrontAvailable(bool available);
+  void setNextPurchaseResult(std::optional<NextPurchaseResult> result);
+
+  // The store clock: the system clock plus every advanceTime.
+  platform::Date now() const;
+  // Moves the store clock ahead; subscriptions that come due renew before this returns.
+  void advanceTime(std::chrono::milliseconds amount);
+  void advanceTime(double seconds);
+
+  // --- For tests ---------------------------------------------------------------------------
+  // Signs `payload` (App Store transaction JSON) and adds it to the history as purchased and
+  // unfinished; nothing is delivered. Throws std::invalid_argument when the payload lacks a
+  // usable transactionId, productId, type or purchaseDate.
+  SignedTransaction insertTransaction(boost::json::object payload);
+  // Replaces the signed form a transaction is handed out with (to hand out tampered tokens).
+  void replaceSignedTransaction(std::uint64_t identifier, std::string jws);
+  // The payload the store signed for a transaction, whatever its signed form says now.
+  std::optional<std::string> signedPayload(std::uint64_t identifier);
+  // The transaction's payload signed again with another environment (e.g. "Sandbox").
+  std::string resignedTransaction(std::uint64_t identifier, const std::string& environment);
+
+ private:
+  class State;
+
+  LocalStore(std::unique_ptr<State> state, std::shared_ptr<const SigningAuthority> authority);
+  void renewalLoop(std::stop_token stop);
+  void wakeRenewals();
+  void enableAutoRenew(std::uint64_t identifier, bool enabled);
+
+  std::shared_ptr<const SigningAuthority> authority_;
+  mutable std::mutex mutex_;
+  std::condition_variable_any timerChanged_;
+  std::unique_ptr<State> state_;  // guarded by mutex_
+  // Last member: stopped and joined before anything it reads is destroyed.
+  std::jthread renewalThread_;
+};
+
+}  // namespace appstore

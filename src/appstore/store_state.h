@@ -1,0 +1,127 @@
+// The state behind a LocalStore and the rules that change it: purchases, upgrades and
+// downgrades, renewals, the payloads the store signs, and the single path by which every
+// change reaches the ledger. Private to the store's own files; every member runs with the
+// store's lock held.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/json/object.hpp>
+
+#include "appstore/ledger.h"
+#include "appstore/local_store.h"
+
+namespace appstore {
+
+// An offer a transaction is bought with.
+struct AppliedOffer {
+  std::int64_t type = 0;  // the signed payload's offerType: 1 introductory ... 4 win-back
+  std::optional<std::string> id;
+  ConfiguredOffer terms;
+};
+
+// A purchase the store will carry out, checked against the catalogue.
+struct CheckedRequest {
+  std::string productID;
+  std::int64_t quantity = 1;
+  std::optional<platform::UUID> appAccountToken;
+  std::optional<AppliedOffer> offer;
+  bool askToBuy = false;
+};
+
+// A transaction being made or changed: its row and the payload the store signs.
+struct Draft {
+  LedgerTransaction row;
+  boost::json::object payload;
+};
+
+class LocalStore::State {
+ public:
+  using milliseconds = std::chrono::milliseconds;
+
+  // Reads what the ledger keeps; a ledger without a signing identity is given `authority`
+  // (or a new one when null) and keeps it from then on.
+  State(std::unique_ptr<Ledger> ledger, std::shared_ptr<const SigningAuthority> authority);
+
+  // The one way a change reaches the ledger: `change` writes through the LedgerWrite and may
+  // update the caches below; it is committed before this returns. When anything fails the
+  // caches are read back from the ledger, so the store is as it was, and the error goes on.
+  template <class Change>
+  void commit(Change&& change) {
+    try {
+      ledger->write([&](LedgerWrite& write) { change(write); });
+    } catch (...) {
+      reload();
+      throw;
+    }
+  }
+
+  platform::Date now() const { return platform::now() + clockOffset; }
+  Storefront storefront() const;
+  void throwIfSimulated(StoreKitAPI api) const;
+  void applySettings(const StoreSettings& newSettings);
+
+  CheckedRequest check(const ConfiguredProduct& product, const PurchaseRequest& request) const;
+  // Turns a request into a transaction (or finds the one that already covers it). Sets
+  // `created` when a new transaction was made. Writes through `write`.
+  SignedTransaction completePurchase(LedgerWrite& write, const ConfiguredProduct& product,
+                                     const CheckedRequest& request,
+                                     std::optional<std::uint64_t> presetID, bool& created);
+  // A purchase that waits (ask to buy) or failed in the app (interrupted).
+  void putWaitingRequest(LedgerWrite& write, std::uint64_t id, const CheckedRequest& request,
+                         TestTransaction::State state);
+  CheckedRequest waitingRequest(const LedgerTransaction& row) const;
+
+  std::optional<SignedTransaction> renew(LedgerWrite& write, LedgerGroup& group,
+                                         platform::Date purchaseDate);
+  std::vector<SignedTransaction> renewDue(LedgerWrite& write);
+  std::optional<platform::Date> nextRenewal();
+  bool isActive(const LedgerGroup& group);
+
+  // Signs the draft's payload (with a fresh signedDate) and stores it.
+  SignedTransaction sign(LedgerWrite& write, Draft& draft);
+  // The stored transaction with its payload, ready to change and sign again.
+  std::optional<Draft> draftOf(std::uint64_t id);
+  void putGroup(LedgerWrite& write, const LedgerGroup& group);
+  void putCounters(LedgerWrite& write);
+  LedgerGroup* groupOf(const LedgerTransaction& row);
+  LedgerGroup* groupWithLatestProduct(const std::string& productID);
+
+  void broadcast(const std::vector<SignedTransaction>& transactions);
+
+  std::shared_ptr<const SigningAuthority> authority;
+  std::unique_ptr<Ledger> ledger;
+
+  StoreConfiguration configuration;
+  StoreSettings settings;
+  std::string bundleID = "com.vorntesk.example";
+  std::string environment = "Xcode";
+  std::map<StoreKitAPI, StoreFailure> simulatedErrors;
+  std::map<std::uint64_t, StoreFailure> verificationFailures;
+  bool storefrontAvailable = true;
+  std::optional<NextPurchaseResult> nextPurchase;
+  std::vector<TransactionListener> listeners;
+  bool wake = false;
+
+  // What the ledger keeps, cached; reload() reads it back.
+  platform::UUID deviceID{platform::UUID::Bytes{}};
+  std::string appTransactionID;
+  milliseconds clockOffset{0};
+  std::uint64_t nextID = 1;
+  std::uint64_t nextWebOrderLineItemID = 10000;
+  std::map<std::string, LedgerGroup> groups;
+
+ private:
+  void reload();
+  Draft newTransaction(const ConfiguredProduct& product, const CheckedRequest& request,
+                       const std::string& reason, platform::Date purchaseDate,
+                       const std::optional<AppliedOffer>& offer, const LedgerGroup* group,
+                       std::optional<std::uint64_t> presetID);
+};
+
+}  // namespace appstore
