@@ -15,7 +15,8 @@
 #include "host/tesk_bridge_dispatcher.h"
 #include "platform/serial_queue.h"
 #include "platform/task.h"
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
+#include "storekit/jws.h"
 
 #include <atomic>
 #include <iostream>
@@ -173,7 +174,7 @@ BENCHMARK(Floor_TaskHandoff)->Unit(benchmark::kMicrosecond)->Apply(configure);
 
 int main(int argc, char** argv) {
   // The default adapter's store: in memory, with the default storefront.
-  storekit::LocalStore::setShared(storekit::LocalStore::create());
+  appstore::LocalStore::setShared(appstore::LocalStore::create());
   AppleStoreKitServicePlugin::registerPlugin(std::make_shared<ImmediateAdapter>());
 
   const int status = bench::runBenchmarks(argc, argv, "bridge_bench", [](const bench::Medians& m) {

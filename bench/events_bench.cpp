@@ -16,7 +16,8 @@
 #include "host/tesk_bridge_dispatcher.h"
 #include "observer/transaction_observer.h"
 #include "storekit/jws.h"
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
+#include "storekit/jws.h"
 
 #include <algorithm>
 #include <atomic>
@@ -47,7 +48,7 @@ struct Received {
 
 Received gReceived;
 std::vector<std::uint64_t> gPushed;
-std::shared_ptr<storekit::LocalStore> gStore;
+std::shared_ptr<appstore::LocalStore> gStore;
 
 void listener(const std::string& name, const std::string& payload) {
   if (name != TransactionObserver::kEventName) return;
@@ -114,12 +115,12 @@ BENCHMARK(Info_VerifyOneTransaction)->Apply(configure);
 }  // namespace
 
 int main(int argc, char** argv) {
-  gStore = storekit::LocalStore::createFromFile(std::string(VORNTESK_SOURCE_DIR) +
+  gStore = appstore::LocalStore::createFromFile(std::string(VORNTESK_SOURCE_DIR) +
                                                 "/examples/SampleStore.storekit");
-  storekit::LocalStore::setShared(gStore);
+  appstore::LocalStore::setShared(gStore);
   {
     const auto sample = gStore->buyProduct(kCoins);
-    gPayload = sample.jsonRepresentation();
+    gPayload = *storekit::decodeJWSPayload(sample.jws);
     gToken = gStore->allTransactions().back().jwsRepresentation;
     gStore->clearTransactions();
   }

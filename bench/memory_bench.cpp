@@ -19,7 +19,8 @@
 #include "bridge/register_service.h"
 #include "host/tesk_bridge_dispatcher.h"
 #include "platform/uuid.h"
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
+#include "storekit/jws.h"
 
 #include <boost/json.hpp>
 
@@ -64,20 +65,21 @@ std::string call(const std::string& method) {
 }
 
 int child() {
-  auto store = storekit::LocalStore::createFromFile(std::string(VORNTESK_SOURCE_DIR) +
+  auto store = appstore::LocalStore::createFromFile(std::string(VORNTESK_SOURCE_DIR) +
                                                     "/examples/SampleStore.storekit");
-  storekit::LocalStore::setShared(store);
+  appstore::LocalStore::setShared(store);
   Vorn_Tesk_AppleStoreKitService_Register();
 
   // Two real purchases give the payload templates.
   const auto plain = store->buyProduct("com.vorntesk.sample.coins100");
-  const auto full =
-      store->buyProduct("com.vorntesk.sample.pro.monthly",
-                        {storekit::PurchaseOption::appAccountToken(platform::UUID::random())});
-  store->refundTransaction(full.id());
+  appstore::PurchaseRequest withToken;
+  withToken.productID = "com.vorntesk.sample.pro.monthly";
+  withToken.appAccountToken = platform::UUID::random();
+  const auto full = store->buyProduct(withToken);
+  store->refundTransaction(full.id);
   std::vector<json::object> templates;
   for (const auto& entry : store->allTransactions()) {
-    templates.push_back(entry.transaction->payload());
+    templates.push_back(json::parse(*storekit::decodeJWSPayload(entry.jwsRepresentation)).as_object());
   }
   if (templates.size() != 2) {
     std::cerr << "memory_bench: expected two template transactions\n";

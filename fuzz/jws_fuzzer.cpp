@@ -1,15 +1,16 @@
 // Signed transactions that are arbitrary, mutated or spliced. Nothing counts as verified
 // unless its signature holds: a token that verifies carries exactly the payload bytes the
 // trusted authority signed, whether checked alone (verifyJWS) or as the device does
-// (LocalStore::verifyTransaction). Tokens signed by a second, untrusted chain, and mixtures
+// (storekit::Device::verify). Tokens signed by a second, untrusted chain, and mixtures
 // of the two, never verify.
 //
 // Input: a first byte choosing the form, then either the token itself (form 0) or edits
 // applied to a freshly signed token, each edit three bytes: position (two) and a byte value
 // whose low bits choose replace, insert or delete.
 #include "fuzz_check.h"
+#include "appstore/local_store.h"
+#include "storekit/device.h"
 #include "storekit/jws.h"
-#include "storekit/local_store.h"
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
@@ -20,23 +21,27 @@
 namespace {
 
 struct Tokens {
-  std::shared_ptr<storekit::LocalStore> store;
-  std::shared_ptr<const storekit::SigningAuthority> untrusted =
-      storekit::SigningAuthority::generate();
+  std::shared_ptr<appstore::LocalStore> store;
+  std::shared_ptr<storekit::Device> device;
+  std::shared_ptr<const appstore::SigningAuthority> untrusted =
+      appstore::SigningAuthority::generate();
   std::vector<std::string> trustedPayloads;
   std::vector<std::string> signedTokens;  // trusted ones first, then the untrusted one
 
   Tokens() {
     // One purchase as the device sees it (with its device verification), from a one-product
     // store.
-    storekit::StoreConfiguration configuration;
-    storekit::ConfiguredProduct coins;
+    appstore::StoreConfiguration configuration;
+    appstore::ConfiguredProduct coins;
     coins.productID = "com.fuzz.coins";
     coins.referenceName = "Coins";
     coins.price = *platform::Decimal::parse("0.99");
     configuration.products.push_back(coins);
-    store = storekit::LocalStore::create(configuration);
-    (void)store->purchase(coins.productID, {});
+    store = appstore::LocalStore::create(configuration);
+    device = std::make_shared<storekit::Device>(store);
+    appstore::PurchaseRequest request;
+    request.productID = coins.productID;
+    (void)store->purchase(request);
     for (const auto& entry : store->allTransactions()) {
       signedTokens.push_back(entry.jwsRepresentation);
       trustedPayloads.push_back(*storekit::decodeJWSPayload(entry.jwsRepresentation));
@@ -106,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   try {
-    const auto result = tokens->store->verifyTransaction(token);
+    const auto result = tokens->device->verify({0, token});
     if (result.isVerified()) {
       const auto payload = storekit::decodeJWSPayload(token);
       FUZZ_REQUIRE(payload && tokens->isTrusted(*payload),

@@ -6,7 +6,8 @@
 //
 // Input: the file's text.
 #include "fuzz_check.h"
-#include "storekit/local_store.h"
+#include "appstore/local_store.h"
+#include "storekit/product.h"
 
 #include <exception>
 
@@ -34,30 +35,36 @@ std::string describe(const std::exception_ptr& error) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const auto store = storekit::LocalStore::create();
+  // The products as a device describes them and buys them, from the process's store.
+  static const auto store = [] {
+    auto made = appstore::LocalStore::create();
+    appstore::LocalStore::setShared(made);
+    return made;
+  }();
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  storekit::StoreConfiguration configuration;
+  appstore::StoreConfiguration configuration;
   try {
-    configuration = storekit::StoreConfiguration::parse(text, "fuzz.storekit");
-  } catch (const storekit::ConfigurationError&) {
+    configuration = appstore::StoreConfiguration::parse(text, "fuzz.storekit");
+  } catch (const appstore::ConfigurationError&) {
     return 0;
   }
   std::vector<std::string> ids;
   for (const auto& product : configuration.products) ids.push_back(product.productID);
   try {
     store->loadConfiguration(std::move(configuration));
-  } catch (const storekit::ConfigurationError&) {
+  } catch (const appstore::ConfigurationError&) {
     return 0;
   }
+  std::vector<storekit::Product> products;
   try {
-    const auto products = store->products(ids);
+    products = storekit::Product::products(ids);
     FUZZ_REQUIRE(products.size() == ids.size(), "a configured product is not served");
   } catch (...) {
     FUZZ_REQUIRE(isStoreError(std::current_exception()), describe(std::current_exception()));
   }
-  for (std::size_t i = 0; i < ids.size() && i < kPurchasesPerInput; ++i) {
+  for (std::size_t i = 0; i < products.size() && i < kPurchasesPerInput; ++i) {
     try {
-      (void)store->purchase(ids[i], {});
+      (void)products[i].purchase();
     } catch (...) {
       FUZZ_REQUIRE(isStoreError(std::current_exception()), describe(std::current_exception()));
     }

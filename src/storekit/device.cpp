@@ -37,7 +37,13 @@ class SnapshotSource : public TransactionSequence::Source {
   std::optional<VerificationResult<Transaction>> next(std::stop_token stop) override {
     while (!stop.stop_requested() && index_ < ids_.size()) {
       const auto id = ids_[index_++];
-      auto jws = device_->store().signedForm(id);
+      std::shared_ptr<appstore::LocalStore> store;
+      try {
+        store = device_->store();
+      } catch (const StoreKitError&) {
+        return std::nullopt;  // the store is gone
+      }
+      auto jws = store->signedForm(id);
       if (jws) return device_->verify({id, std::move(*jws)});
     }
     return std::nullopt;
@@ -115,11 +121,17 @@ std::shared_ptr<Device> Device::current() {
   auto store = appstore::LocalStore::shared();
   std::lock_guard lock(currentMutex());
   auto& device = currentDevice();
-  if (!device || &device->store() != store.get()) device = std::make_shared<Device>(std::move(store));
+  if (!device || device->store_.lock() != store) device = std::make_shared<Device>(std::move(store));
   return device;
 }
 
 Device::Device(std::shared_ptr<appstore::LocalStore> store) : store_(std::move(store)) {}
+
+std::shared_ptr<appstore::LocalStore> Device::store() const {
+  auto store = store_.lock();
+  if (!store) throw StoreKitError::unknown();
+  return store;
+}
 
 TransactionSequence Device::updates() {
   auto queue = std::make_shared<UpdateQueue>();
@@ -130,7 +142,7 @@ TransactionSequence Device::updates() {
     queues_.push_back(queue);
   }
   std::weak_ptr<UpdateQueue> weak = queue;
-  store_->addTransactionListener(
+  store()->addTransactionListener(
       [weak](const std::vector<SignedTransaction>& transactions) {
         const auto listener = weak.lock();
         if (!listener) return false;
@@ -178,11 +190,12 @@ TransactionSequence Device::unfinished() { return snapshot(Listing::unfinished);
 
 TransactionSequence Device::snapshot(Listing listing) {
   return TransactionSequence(
-      std::make_shared<SnapshotSource>(shared_from_this(), store_->transactionIDs(listing)));
+      std::make_shared<SnapshotSource>(shared_from_this(), store()->transactionIDs(listing)));
 }
 
 VerificationResult<Transaction> Device::verify(const SignedTransaction& signedTransaction) {
   const auto& jws = signedTransaction.jws;
+  const auto store = this->store();
   // What an unverified result carries: the payload the token claims, else (a token damaged
   // beyond reading) the one the store signed.
   // Text that is not UTF-8 is read as it is, so that what the token claims still reaches the
@@ -190,7 +203,7 @@ VerificationResult<Transaction> Device::verify(const SignedTransaction& signedTr
   auto claimed = [&]() -> Transaction {
     boost::json::parse_options lenient;
     lenient.allow_invalid_utf8 = true;
-    for (const auto& payload : {decodeJWSPayload(jws), store_->signedPayload(signedTransaction.id)}) {
+    for (const auto& payload : {decodeJWSPayload(jws), store->signedPayload(signedTransaction.id)}) {
       if (!payload) continue;
       boost::json::error_code ec;
       auto value = boost::json::parse(*payload, ec, {}, lenient);
@@ -202,7 +215,7 @@ VerificationResult<Transaction> Device::verify(const SignedTransaction& signedTr
     }
     throw VerificationError(VerificationError::Code::invalidEncoding);
   };
-  if (const auto forced = store_->verificationFailure(signedTransaction.id)) {
+  if (const auto forced = store->verificationFailure(signedTransaction.id)) {
     try {
       throwStoreFailure(*forced);
     } catch (const VerificationError& error) {
@@ -211,11 +224,11 @@ VerificationResult<Transaction> Device::verify(const SignedTransaction& signedTr
     }
   }
   try {
-    auto transaction = Transaction::fromJSON(verifyJWS(jws, store_->rootCertificate()));
+    auto transaction = Transaction::fromJSON(verifyJWS(jws, store->rootCertificate()));
     const auto* stored = transaction.payload().if_contains("deviceVerification");
     if (stored && transaction.deviceVerification() !=
                       deviceVerificationFor(transaction.deviceVerificationNonce(),
-                                            store_->deviceIdentifier())) {
+                                            store->deviceIdentifier())) {
       throw VerificationError(VerificationError::Code::invalidDeviceVerification);
     }
     return VerificationResult<Transaction>::verified(std::move(transaction), jws);

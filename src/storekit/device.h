@@ -5,7 +5,10 @@
 // given the unfinished transactions.
 //
 // One device per store: Device::current() belongs to LocalStore::shared() and is made anew
-// when tests install another store. Any thread; calls block and are meant to run in tasks.
+// when another store is installed. A device does not keep its store alive (a store that is
+// closed must let go of its state file); once the store is gone its calls fail with
+// StoreKitError.unknown and its sequences end. Any thread; calls block and are meant to run
+// in tasks.
 #pragma once
 
 #include <chrono>
@@ -27,7 +30,8 @@ class Device : public std::enable_shared_from_this<Device> {
 
   explicit Device(std::shared_ptr<appstore::LocalStore> store);
 
-  appstore::LocalStore& store() { return *store_; }
+  // The store, or StoreKitError.unknown once it is gone.
+  std::shared_ptr<appstore::LocalStore> store() const;
 
   // The first updates sequence of a device also yields, once, what was left unfinished.
   TransactionSequence updates();
@@ -50,7 +54,7 @@ class Device : public std::enable_shared_from_this<Device> {
  private:
   TransactionSequence snapshot(appstore::LocalStore::Listing listing);
 
-  std::shared_ptr<appstore::LocalStore> store_;
+  std::weak_ptr<appstore::LocalStore> store_;
   std::mutex mutex_;
   bool updatesStarted_ = false;                     // guarded by mutex_
   std::vector<std::weak_ptr<UpdateQueue>> queues_;  // guarded by mutex_

@@ -134,7 +134,7 @@ PurchaseOption PurchaseOption::winBackOffer(const SubscriptionOffer& offer) {
 
 std::vector<Product> Product::products(const std::vector<std::string>& ids) {
   const auto device = Device::current();
-  const auto listing = askStore([&] { return device->store().products(ids); });
+  const auto listing = askStore([&] { return device->store()->products(ids); });
   std::vector<Product> products;
   products.reserve(listing.products.size());
   for (const auto& configured : listing.products) products.push_back(makeProduct(configured, listing));
@@ -143,7 +143,7 @@ std::vector<Product> Product::products(const std::vector<std::string>& ids) {
 
 PurchaseResult Product::purchase(const std::vector<PurchaseOption>& options) const {
   const auto device = Device::current();
-  auto outcome = askStore([&] { return device->store().purchase(requestFor(id, options)); });
+  auto outcome = askStore([&] { return device->store()->purchase(requestFor(id, options)); });
   using Kind = appstore::PurchaseOutcome::Kind;
   switch (outcome.kind) {
     case Kind::success: return {PurchaseResult::Success{device->verify(outcome.transaction)}};

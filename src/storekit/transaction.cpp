@@ -295,7 +295,7 @@ void Transaction::finish() const {
   // A finish the store cannot save is retried by the app at its next launch, as on a device
   // that lost its connection: the transaction stays unfinished.
   try {
-    Device::current()->store().finish(data_->id);
+    Device::current()->store()->finish(data_->id);
   } catch (const std::exception&) {
   }
 }

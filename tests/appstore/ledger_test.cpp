@@ -1,0 +1,400 @@
+// The SQLite ledger: what it keeps across a reopen and what each list answers, the files it
+// refuses (leaving their bytes as they were), one owner per file across processes, and writes
+// that fail leaving nothing of themselves.
+#include "appstore/ledger.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <SQLiteCpp/Database.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+
+namespace appstore {
+namespace {
+
+namespace fs = std::filesystem;
+
+platform::Date day(int n) { return platform::dateFromMillisecondsSince1970(1'795'774'530'000 + n * 86'400'000LL); }
+
+LedgerTransaction entry(std::uint64_t id, const char* type, EntryState state, bool finished) {
+  LedgerTransaction t{.id = id, .originalID = id, .productID = "p" + std::to_string(id),
+                      .productType = type, .state = state, .purchaseDate = day(0),
+                      .finished = finished};
+  if (state == EntryState::purchased) {
+    t.payload = "{\"id\":" + std::to_string(id) + "}";
+    t.signedForm = "jws." + std::to_string(id) + ".sig";
+  } else {
+    t.request = "{\"quantity\":2}";
+  }
+  return t;
+}
+
+// Listed out of id order; the ids say which lists each belongs to.
+std::vector<LedgerTransaction> sampleTransactions() {
+  auto subscription = entry(4, "Auto-Renewable Subscription", EntryState::purchased, false);
+  subscription.groupID = "g1";
+  subscription.expiresDate = day(30);
+  subscription.upgraded = true;
+  auto revoked = entry(5, "Non-Consumable", EntryState::purchased, true);
+  revoked.revocationDate = day(2);
+  return {entry(3'000'000'000'003, "Non-Consumable", EntryState::purchased, true),
+          subscription,
+          entry(1, "Consumable", EntryState::purchased, true),
+          entry(2, "Consumable", EntryState::purchased, false),
+          revoked,
+          entry(6, "Non-Renewing Subscription", EntryState::pendingAskToBuy, false),
+          entry(7, "Consumable", EntryState::interrupted, false)};
+}
+
+std::string describe(const LedgerTransaction& t) {
+  std::ostringstream out;
+  const auto date = [&](std::optional<platform::Date> d) {
+    out << (d ? std::to_string(platform::millisecondsSince1970(*d)) : "-") << ' ';
+  };
+  out << t.id << ' ' << t.originalID << ' ' << t.productID << ' ' << t.productType << ' '
+      << t.groupID << ' ' << static_cast<int>(t.state) << ' ';
+  date(t.purchaseDate), date(t.expiresDate), date(t.revocationDate);
+  out << t.upgraded << t.finished << " [" << t.payload << "] [" << t.request << "] ["
+      << t.signedForm << "]";
+  return out.str();
+}
+
+std::string describe(const LedgerGroup& g) {
+  std::ostringstream out;
+  out << g.groupID << ' ' << g.originalID << ' '
+      << platform::millisecondsSince1970(g.originalPurchaseDate) << ' ' << g.latestID << ' '
+      << g.autoRenew << ' ' << g.pendingProductID.value_or("-") << ' ' << g.offerPeriodsLeft
+      << " [" << g.continuingOffer << "]";
+  return out.str();
+}
+
+const std::vector<LedgerGroup> kGroups = {
+    {"g1", 4, day(0), 4, false, "p9", 2, "{\"offer\":\"intro\"}"},
+    {"g2", 8, day(-3), 9, true, std::nullopt, 0, ""}};
+
+std::vector<std::uint64_t> ids(const std::vector<LedgerTransaction>& list) {
+  std::vector<std::uint64_t> found;
+  for (const auto& t : list) {
+    EXPECT_EQ(t.payload + t.request + t.signedForm, "") << "a list loads the texts of " << t.id;
+    found.push_back(t.id);
+  }
+  return found;
+}
+
+std::string contents(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::string openFailure(const fs::path& path) {
+  try {
+    Ledger::open(path.string());
+  } catch (const LedgerError& error) {
+    return error.what();
+  }
+  return "opened";
+}
+
+class LedgerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "ledger_test.XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  // A ledger file with the samples in it, closed.
+  fs::path sampleLedger(const char* name, int padding = 0) {
+    const auto ledger = Ledger::open((dir_ / name).string());
+    ledger->write([&](LedgerWrite& changes) {
+      for (const auto& t : sampleTransactions()) changes.putTransaction(t);
+      for (int i = 0; i < padding; ++i) {
+        auto filler = entry(100 + i, "Consumable", EntryState::purchased, true);
+        filler.signedForm.assign(3000, 'x');
+        changes.putTransaction(filler);
+      }
+      for (const auto& g : kGroups) changes.putGroup(g);
+      changes.putValue("device.id", "D-1");
+      changes.putValue("clock.offset", "");
+    });
+    return dir_ / name;
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(LedgerTest, KeepsEveryFieldAcrossAReopenAndListsWithoutTheTexts) {
+  const auto path = sampleLedger("state.db");
+  EXPECT_EQ(contents(path)[18], 2) << "not in WAL mode";
+  const auto ledger = Ledger::open(path.string());
+  for (const auto& t : sampleTransactions()) {
+    EXPECT_EQ(describe(ledger->transaction(t.id).value_or(LedgerTransaction{})), describe(t));
+  }
+  EXPECT_FALSE(ledger->transaction(99).has_value());
+  EXPECT_EQ(ledger->transactionCount(), 7u);
+  EXPECT_EQ(ledger->signedForm(4), "jws.4.sig");
+  EXPECT_EQ(ledger->signedForm(6), std::nullopt);  // stored empty
+  EXPECT_EQ(ledger->signedForm(99), std::nullopt);
+  const auto groups = ledger->groups();
+  ASSERT_EQ(groups.size(), kGroups.size());
+  for (std::size_t i = 0; i < groups.size(); ++i) EXPECT_EQ(describe(groups[i]), describe(kGroups[i]));
+  EXPECT_EQ(ledger->value("device.id"), "D-1");
+  EXPECT_EQ(ledger->value("clock.offset"), "");
+  EXPECT_EQ(ledger->value("device"), std::nullopt);
+
+  const std::pair<Selection, std::vector<std::uint64_t>> lists[] = {
+      {Selection::everything, {1, 2, 4, 5, 6, 7, 3'000'000'000'003}},
+      {Selection::history, {2, 4, 5, 3'000'000'000'003}},
+      {Selection::unfinished, {2, 4}},
+      {Selection::entitlementCandidates, {4, 3'000'000'000'003}}};
+  for (const auto& [selection, expected] : lists) {
+    EXPECT_EQ(ids(ledger->transactions(selection)), expected) << static_cast<int>(selection);
+  }
+}
+
+TEST_F(LedgerTest, ChangesReplaceFinishAndRemove) {
+  const auto ledger = Ledger::open("");
+  EXPECT_EQ(ledger->path(), "");
+  ledger->write([](LedgerWrite& changes) {
+    for (const auto& t : sampleTransactions()) changes.putTransaction(t);
+    for (const auto& g : kGroups) changes.putGroup(g);
+  });
+  auto revoked = sampleTransactions()[1];
+  revoked.revocationDate = day(5);
+  revoked.signedForm = "jws.4.revoked";
+  ledger->write([&](LedgerWrite& changes) {
+    changes.setFinished(2);
+    changes.putTransaction(revoked);
+    changes.removeTransaction(3'000'000'000'003);
+    changes.removeGroup("g2");
+    changes.putValue("k", "one");
+    changes.putValue("k", "two");
+  });
+  EXPECT_EQ(describe(*ledger->transaction(4)), describe(revoked));
+  EXPECT_EQ(ids(ledger->transactions(Selection::unfinished)), std::vector<std::uint64_t>{4});
+  EXPECT_EQ(ids(ledger->transactions(Selection::history)), (std::vector<std::uint64_t>{4, 5}));
+  EXPECT_EQ(ids(ledger->transactions(Selection::entitlementCandidates)), std::vector<std::uint64_t>{});
+  EXPECT_EQ(ledger->signedForm(3'000'000'000'003), std::nullopt);
+  ASSERT_EQ(ledger->groups().size(), 1u);
+  EXPECT_EQ(ledger->value("k"), "two");
+
+  ledger->write([](LedgerWrite& changes) { changes.removeHistory(); });
+  EXPECT_EQ(ledger->transactionCount(), 0u);
+  EXPECT_EQ(ledger->signedForm(4), std::nullopt);
+  EXPECT_TRUE(ledger->groups().empty());
+  EXPECT_EQ(ledger->value("k"), "two");
+}
+
+TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
+  const auto foreign = [](const fs::path& path, const char* sql) {
+    SQLite::Database(path.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE).exec(sql);
+  };
+  const auto bytes = [](const fs::path& path, std::string text) {
+    std::ofstream(path, std::ios::binary) << text;
+  };
+  std::mt19937 random(7);
+  std::string noise(8192, '\0');
+  for (char& c : noise) c = static_cast<char>(random());
+
+  const std::pair<std::function<fs::path()>, std::string> cases[] = {
+      {[&] { return bytes(dir_ / "noise", noise), dir_ / "noise"; }, "not a SQLite database"},
+      {[&] { return bytes(dir_ / "short", "SQLite"), dir_ / "short"; }, "not a SQLite database"},
+      {[&] { return bytes(dir_ / "hdr", std::string("SQLite format 3\0", 16) + noise), dir_ / "hdr"; },
+       "damaged (file is not a database)"},
+      {[&] { return foreign(dir_ / "notes.db", "CREATE TABLE notes (t TEXT)"), dir_ / "notes.db"; },
+       "a SQLite database of something else (application_id 0)"},
+      {[&] {
+         foreign(dir_ / "app.db", "PRAGMA application_id = 7; CREATE TABLE transactions (id)");
+         return dir_ / "app.db";
+       },
+       "a SQLite database of something else (application_id 7)"},
+      {[&] {
+         foreign(sampleLedger("newer.db"), "PRAGMA user_version = 2");
+         return dir_ / "newer.db";
+       },
+       "schema version 2 is newer than this build's (1)"},
+      {[&] {
+         const auto path = sampleLedger("cut.db", 200);
+         fs::resize_file(path, fs::file_size(path) / 2);
+         return path;
+       },
+       "damaged ("},
+      {[&] {
+         const auto path = sampleLedger("scribbled.db", 200);
+         std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+         file.seekp(static_cast<std::streamoff>(fs::file_size(path) / 2 / 4096 * 4096));
+         file << std::string(4096, 'U');
+         return path;
+       },
+       "damaged ("},
+  };
+  for (const auto& [make, cause] : cases) {
+    const auto path = make();
+    const auto before = contents(path);
+    const auto failure = openFailure(path);
+    const auto expected = "state file " + path.string() + ": " + cause;
+    if (cause.ends_with("(")) {  // SQLite's words for the damage vary
+      EXPECT_TRUE(failure.starts_with(expected) && failure.ends_with(")")) << failure;
+      EXPECT_EQ(failure.find('\n'), std::string::npos) << failure;
+    } else {
+      EXPECT_EQ(failure, expected);
+    }
+    EXPECT_TRUE(contents(path) == before) << path;
+  }
+
+  // A file another ledger of this process holds, under either name. The refused attempts must
+  // not drop the POSIX locks SQLite holds for the owner (closing any descriptor of a file drops
+  // them all, which is also why its bytes are not read here); only another process sees them.
+  const auto held = dir_ / "held.db";
+  const auto holder = Ledger::open(held.string());
+  for (const auto& path : {held, dir_ / "." / "held.db"}) {
+    EXPECT_EQ(openFailure(path), "state file " + path.string() + ": in use by another process");
+  }
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int fd = ::open(held.c_str(), O_RDONLY);
+    struct flock probe {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = 0, .l_len = 0};
+    ::_exit(fd >= 0 && ::fcntl(fd, F_GETLK, &probe) == 0 && probe.l_type != F_UNLCK ? 0 : 1);
+  }
+  int probed = -1;
+  EXPECT_EQ(::waitpid(child, &probed, 0), child);
+  EXPECT_EQ(probed, 0) << "the owner's locks are gone";
+
+  // What a kill during creation leaves, an empty database, is taken as a new ledger.
+  foreign(dir_ / "empty.db", "PRAGMA journal_mode = WAL");
+  EXPECT_GT(fs::file_size(dir_ / "empty.db"), 0u);
+  EXPECT_EQ(Ledger::open((dir_ / "empty.db").string())->transactionCount(), 0u);
+
+  const auto missing = dir_ / "missing" / "state.db";
+  EXPECT_EQ(openFailure(missing),
+            "state file " + missing.string() + ": cannot create: No such file or directory");
+  EXPECT_FALSE(fs::exists(missing.parent_path()));
+}
+
+// The owner runs in a child process that is killed: its commit survives, and the file is
+// refused while it lives and free once it is gone.
+TEST_F(LedgerTest, AnotherProcessIsRefusedUntilTheOwnerIsKilled) {
+  const auto path = (dir_ / "state.db").string();
+  int ready[2], hold[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(hold), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(ready[0]), ::close(hold[1]);
+    char status = 1;
+    std::unique_ptr<Ledger> ledger;
+    try {
+      ledger = Ledger::open(path);
+      ledger->write([](LedgerWrite& changes) { changes.putValue("k", "committed"); });
+      status = 0;
+    } catch (...) {
+    }
+    char c = 0;
+    if (::write(ready[1], &status, 1) == 1) (void)::read(hold[0], &c, 1);  // returns at our end
+    ::_exit(0);
+  }
+  ::close(ready[1]), ::close(hold[0]);
+  char status = 1;
+  EXPECT_EQ(::read(ready[0], &status, 1), 1);
+  const auto refusal = openFailure(path);
+  ::kill(child, SIGKILL);
+  int wait = 0;
+  EXPECT_EQ(::waitpid(child, &wait, 0), child);
+  ::close(ready[0]), ::close(hold[1]);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(WIFSIGNALED(wait));
+  EXPECT_EQ(refusal, "state file " + path + ": in use by another process");
+  EXPECT_EQ(Ledger::open(path)->value("k"), "committed");
+}
+
+struct Oops {
+  int mark;
+};
+
+TEST_F(LedgerTest, AFailedWriteLeavesNothingAndTheLedgerGoesOn) {
+  const auto path = sampleLedger("state.db");
+  auto ledger = Ledger::open(path.string());
+  const auto untouched = [&] {
+    EXPECT_EQ(ledger->transactionCount(), 7u);
+    EXPECT_EQ(ids(ledger->transactions(Selection::unfinished)), (std::vector<std::uint64_t>{2, 4}));
+    EXPECT_EQ(ledger->value("device.id"), "D-1");
+    EXPECT_EQ(ledger->value("k"), std::nullopt);
+    EXPECT_EQ(ledger->groups().size(), 2u);
+  };
+  auto big = entry(50, "Consumable", EntryState::purchased, false);
+
+  // The caller's own exception comes back as it was thrown.
+  int mark = 0;
+  try {
+    ledger->write([&](LedgerWrite& changes) {
+      changes.setFinished(2);
+      changes.putTransaction(big);
+      changes.removeGroup("g1");
+      changes.putValue("k", "v");
+      throw Oops{41};
+    });
+  } catch (const Oops& oops) {
+    mark = oops.mark;
+  }
+  EXPECT_EQ(mark, 41);
+  untouched();
+
+  // A file size limit makes SQLite fail: in the statement when the row is more than the page
+  // cache holds, at COMMIT when it is less. The caller catching the failure changes nothing.
+  const auto previous = ::signal(SIGXFSZ, SIG_IGN);
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+  const auto wal = fs::path(path.string() + "-wal");
+  const rlim_t limit = std::max(fs::file_size(path), fs::exists(wal) ? fs::file_size(wal) : 0) + 65536;
+    const std::pair<rlim_t, bool> attempts[] = {{4 << 20, false}, {4 << 20, true}, {65536, false}};
+  for (const auto& [excess, swallow] : attempts) {
+    big.signedForm.assign(limit + excess, 's');
+    std::string failure;
+    rlimit lowered = saved;
+    lowered.rlim_cur = limit;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &lowered), 0);
+    try {
+      ledger->write([&](LedgerWrite& changes) {
+        for (const auto& change : std::vector<std::function<void()>>{
+                 [&] { changes.setFinished(2); }, [&] { changes.putTransaction(big); },
+                 [&] { changes.putValue("k", "v"); }}) {
+          try {
+            change();
+          } catch (const LedgerError&) {
+            if (!swallow) throw;
+          }
+        }
+      });
+    } catch (const LedgerError& error) {
+      failure = error.what();
+    }
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    EXPECT_TRUE(failure.starts_with("state file " + path.string() + ": cannot commit: "))
+        << swallow << " " << failure;
+    untouched();
+  }
+  ::signal(SIGXFSZ, previous);
+
+  ledger->write([](LedgerWrite& changes) { changes.setFinished(4); });
+  EXPECT_EQ(ids(ledger->transactions(Selection::unfinished)), std::vector<std::uint64_t>{2});
+  ledger.reset();
+  ledger = Ledger::open(path.string());
+  EXPECT_EQ(ids(ledger->transactions(Selection::unfinished)), std::vector<std::uint64_t>{2});
+  EXPECT_FALSE(ledger->transaction(50).has_value());
+  EXPECT_EQ(ledger->value("k"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace appstore
