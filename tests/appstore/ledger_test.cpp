@@ -258,6 +258,7 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
   // them all, which is also why its bytes are not read here); only another process sees them.
   const auto held = dir_ / "held.db";
   const auto holder = Ledger::open(held.string());
+  holder->write([](LedgerWrite& write) { write.putValue("k", "v"); });  // now in WAL mode
   for (const auto& path : {held, dir_ / "." / "held.db"}) {
     EXPECT_EQ(openFailure(path), "state file " + path.string() + ": in use by another process");
   }
@@ -359,7 +360,10 @@ TEST_F(LedgerTest, AFailedWriteLeavesNothingAndTheLedgerGoesOn) {
   const auto wal = fs::path(path.string() + "-wal");
   const rlim_t limit = std::max(fs::file_size(path), fs::exists(wal) ? fs::file_size(wal) : 0) + 65536;
     const std::pair<rlim_t, bool> attempts[] = {{4 << 20, false}, {4 << 20, true}, {65536, false}};
-  for (const auto& [excess, swallow] : attempts) {
+  for (const auto& attempt : attempts) {
+    // Plain names: clang 14 cannot capture structured bindings in the lambda below.
+    const rlim_t excess = attempt.first;
+    const bool swallow = attempt.second;
     big.signedForm.assign(limit + excess, 's');
     std::string failure;
     rlimit lowered = saved;
