@@ -227,11 +227,13 @@ struct Statements {
                                   "LEFT JOIN transaction_texts AS x ON x.id = t.id "
                                   "WHERE t.id = ?1"),
         lists{list(database, ""),
-              list(database, "WHERE state = 0 AND NOT (product_type = 'Consumable' AND "
-                             "finished = 1)"),
+              list(database,
+                   "WHERE state = 0 AND NOT (product_type = 'Consumable' AND "
+                   "finished = 1)"),
               list(database, "WHERE state = 0 AND finished = 0"),
-              list(database, "WHERE state = 0 AND revocation_date IS NULL AND "
-                             "product_type <> 'Consumable'")},
+              list(database,
+                   "WHERE state = 0 AND revocation_date IS NULL AND "
+                   "product_type <> 'Consumable'")},
         signedForm(database, "SELECT signed_form FROM transaction_texts WHERE id = ?1"),
         count(database, "SELECT count(*) FROM transactions"),
         groups(database, std::string("SELECT ") + kGroupColumns +
@@ -572,6 +574,10 @@ std::unique_ptr<Ledger> Ledger::open(const std::string& path) {
     try {
       auto database = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE);
       configure(*database);
+      // A new file has no bytes to keep, and its schema is better committed in WAL: a kill
+      // during a commit in rollback mode leaves a hot journal, which the read-only checks of
+      // the next open cannot roll back.
+      if (creating) database->exec("PRAGMA journal_mode = WAL");
       migrate(*database);
       // The last step: from here on the ledger owns the descriptor.
       return std::make_unique<SQLiteLedger>(path, label, std::move(database), fd, file);
