@@ -1,6 +1,7 @@
 #include "appstore/signing_authority.h"
 
 #include <array>
+#include <cctype>
 #include <atomic>
 #include <stdexcept>
 
@@ -215,5 +216,12 @@ std::string sha384(std::string_view bytes) {
   return digest;
 }
 
-}  // namespace appstore
+std::string deviceVerificationFor(const platform::UUID& nonce, const platform::UUID& device) {
+  auto lower = [](std::string text) {
+    for (auto& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+  };
+  return sha384(lower(nonce.uuidString()) + lower(device.uuidString()));
+}
 
+}  // namespace appstore

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/uuid.h"
+
 namespace appstore {
 
 // Apple's marker extensions on the leaf and intermediate certificates.
@@ -64,5 +66,9 @@ class SigningAuthority {
 
 // SHA-384 of `bytes`, raw.
 std::string sha384(std::string_view bytes);
+
+// A transaction's deviceVerification (raw bytes): SHA-384 of the nonce and the device's
+// identifier, both lower-case, which the device recomputes to tell the token is its own.
+std::string deviceVerificationFor(const platform::UUID& nonce, const platform::UUID& device);
 
 }  // namespace appstore

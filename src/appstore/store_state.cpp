@@ -27,10 +27,6 @@ std::string lowercase(std::string text) {
   return text;
 }
 
-std::string deviceVerificationFor(const platform::UUID& nonce, const platform::UUID& device) {
-  return sha384(lowercase(nonce.uuidString()) + lowercase(device.uuidString()));
-}
-
 const char* typeName(Kind kind) {
   switch (kind) {
     case Kind::consumable: return "Consumable";

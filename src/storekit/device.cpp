@@ -17,16 +17,6 @@ namespace {
 using appstore::SignedTransaction;
 using Listing = appstore::LocalStore::Listing;
 
-std::string lowercase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-std::string deviceVerificationFor(const platform::UUID& nonce, const platform::UUID& device) {
-  return appstore::sha384(lowercase(nonce.uuidString()) + lowercase(device.uuidString()));
-}
-
 // Each transaction of a listing is fetched when it is handed out, so a long history is never
 // held in memory all at once; one deleted in the meantime is skipped.
 class SnapshotSource : public TransactionSequence::Source {
@@ -227,7 +217,7 @@ VerificationResult<Transaction> Device::verify(const SignedTransaction& signedTr
     auto transaction = Transaction::fromJSON(verifyJWS(jws, store->rootCertificate()));
     const auto* stored = transaction.payload().if_contains("deviceVerification");
     if (stored && transaction.deviceVerification() !=
-                      deviceVerificationFor(transaction.deviceVerificationNonce(),
+                      appstore::deviceVerificationFor(transaction.deviceVerificationNonce(),
                                             store->deviceIdentifier())) {
       throw VerificationError(VerificationError::Code::invalidDeviceVerification);
     }
