@@ -2,6 +2,7 @@
 // that cannot be written dropped with one log line, calls and restarts all at once.
 #include "observer/transaction_observer.h"
 #include "platform/logger.h"
+#include "storekit/device.h"
 #include "support/store_service.h"
 
 #include <gtest/gtest.h>
@@ -64,6 +65,9 @@ TEST_F(ObserverTest, UpdatesAreForwardedVerifiedOrNotAndUnwritableOnesDroppedWit
 TEST_F(ObserverTest, CallsGoOnWhileTheObserverForwardsAndIsRestarted) {
   const std::string ok = R"({"success":{}})";
   ASSERT_EQ(call("StartTransactionObserver"), ok);
+  // The observer subscribes from its own task. Until it has, the app's purchases would count
+  // as unfinished and come with the first sequence's replay, as on a device.
+  ASSERT_TRUE(storekit::Device::current()->waitUntilUpdatesDelivered(std::chrono::seconds(10), 1));
   // Outside purchases from several threads while the app calls: each one forwarded once.
   std::vector<std::thread> threads;
   for (int t = 0; t < 3; ++t) {
