@@ -112,6 +112,18 @@ std::string oneLine(std::string text) {
   return start == std::string::npos ? text : text.substr(start);
 }
 
+// Every date the store computes with, and the clock offset, lie within the years 1970 to
+// 9999; a damaged file holding others would overflow the store's date arithmetic.
+constexpr const char* kDatesOutOfRange = R"sql(
+    SELECT (SELECT count(*) FROM transactions
+            WHERE purchase_date NOT BETWEEN 0 AND 253402300799999
+               OR ifnull(expires_date, 0) NOT BETWEEN 0 AND 253402300799999
+               OR ifnull(revocation_date, 0) NOT BETWEEN 0 AND 253402300799999)
+         + (SELECT count(*) FROM subscription_groups
+            WHERE original_purchase_date NOT BETWEEN 0 AND 253402300799999)
+         + (SELECT count(*) FROM named_values WHERE key = 'clock.offsetMs'
+            AND CAST(value AS INTEGER) NOT BETWEEN -253402300799999 AND 253402300799999))sql";
+
 // Decides, reading only, whether a non-empty file is a ledger this build can open: SQLite is
 // not allowed to write to a file before it is known to be ours.
 void checkExistingFile(const std::string& path, const std::string& label, int fd) {
@@ -140,6 +152,9 @@ void checkExistingFile(const std::string& path, const std::string& label, int fd
     }
     const std::string verdict = database.execAndGet("PRAGMA quick_check(1)").getString();
     if (verdict != "ok") throw LedgerError(label + ": damaged (" + oneLine(verdict) + ")");
+    if (version == Ledger::kSchemaVersion && database.execAndGet(kDatesOutOfRange).getInt() != 0) {
+      throw LedgerError(label + ": damaged (a date outside the years 1970 to 9999)");
+    }
   } catch (const SQLite::Exception& error) {
     throw openFailure(label, error);
   }

@@ -1,14 +1,17 @@
 #include "appstore/local_store.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <stdexcept>
 
 #include "appstore/store_state.h"
 
 namespace appstore {
 using Kind = ConfiguredProduct::Kind;
+using std::chrono::hours;
 using std::chrono::milliseconds;
 
 // --- The process's store -------------------------------------------------------------------
@@ -108,17 +111,16 @@ void LocalStore::wakeRenewals() {
 void LocalStore::renewalLoop(std::stop_token stop) {
   std::unique_lock lock(mutex_);
   while (!stop.stop_requested()) {
-    state_->wake = false;
-    const auto due = state_->nextRenewal();
-    if (due) {
-      const auto wait = std::max(milliseconds(0), *due - state_->now());
-      timerChanged_.wait_for(lock, stop, wait, [&] { return state_->wake; });
-    } else {
-      timerChanged_.wait(lock, stop, [&] { return state_->wake; });
-    }
-    if (stop.stop_requested()) break;
     std::vector<SignedTransaction> renewed;
     try {
+      state_->wake = false;
+      // Waits of more than a day are taken a day at a time: the wait is counted in the
+      // clock's nanoseconds, and the time to the clock's end of year 9999 overflows them.
+      const auto due = state_->nextRenewal();
+      const auto wait = due ? std::clamp(*due - state_->now(), milliseconds(0), milliseconds(hours(24)))
+                            : milliseconds(hours(24));
+      timerChanged_.wait_for(lock, stop, wait, [&] { return state_->wake; });
+      if (stop.stop_requested()) break;
       state_->commit([&](LedgerWrite& write) { renewed = state_->renewDue(write); });
     } catch (const std::exception& error) {
       // Nothing was renewed; the next wake-up tries again.
@@ -323,6 +325,12 @@ platform::Date LocalStore::now() const {
 void LocalStore::advanceTime(milliseconds amount) {
   std::lock_guard lock(mutex_);
   auto& state = *state_;
+  // The ledger keeps dates between the years 1970 and 9999; so does the clock.
+  constexpr auto kLatest = milliseconds(253402300799999);
+  const auto since1970 = state.now().time_since_epoch();
+  if (amount > kLatest - since1970 || amount < -since1970) {
+    throw std::invalid_argument("advanceTime: the store clock would leave the years 1970 to 9999");
+  }
   std::vector<SignedTransaction> renewed;
   state.commit([&](LedgerWrite& write) {
     state.clockOffset += amount;
@@ -334,6 +342,10 @@ void LocalStore::advanceTime(milliseconds amount) {
 }
 
 void LocalStore::advanceTime(double seconds) {
+  // Beyond any amount the clock accepts, so checked before the conversion.
+  if (!(std::abs(seconds) < 1e13)) {
+    throw std::invalid_argument("advanceTime: the store clock would leave the years 1970 to 9999");
+  }
   advanceTime(milliseconds(static_cast<std::int64_t>(seconds * 1000.0)));
 }
 

@@ -77,20 +77,25 @@ json::object offerToJSON(const AppliedOffer& offer) {
   return out;
 }
 
-std::optional<AppliedOffer> offerFromJSON(const json::value& value) {
+// An offer this build cannot read back (a damaged file) is taken as no offer.
+std::optional<AppliedOffer> offerFromJSON(const json::value& value) try {
   if (!value.is_object()) return std::nullopt;
   const auto& in = value.get_object();
+  const auto mode = in.at("paymentMode").to_number<int>();
+  if (mode < 0 || mode > static_cast<int>(ConfiguredOffer::Mode::payUpFront)) return std::nullopt;
   AppliedOffer offer;
   offer.type = in.at("type").to_number<std::int64_t>();
   if (const auto* id = in.if_contains("id")) offer.id = std::string(id->as_string());
   offer.terms.internalID = std::string(in.at("internalID").as_string());
   if (const auto* id = in.if_contains("offerID")) offer.terms.offerID = std::string(id->as_string());
   offer.terms.referenceName = std::string(in.at("referenceName").as_string());
-  offer.terms.paymentMode = static_cast<ConfiguredOffer::Mode>(in.at("paymentMode").to_number<int>());
+  offer.terms.paymentMode = static_cast<ConfiguredOffer::Mode>(mode);
   offer.terms.period = SubscriptionPeriod::parse(in.at("period").as_string()).value_or(SubscriptionPeriod{});
   offer.terms.numberOfPeriods = in.at("numberOfPeriods").to_number<std::int64_t>();
   offer.terms.price = platform::Decimal::parse(in.at("price").as_string()).value_or(platform::Decimal{});
   return offer;
+} catch (const std::exception&) {
+  return std::nullopt;
 }
 
 std::string serialized(const std::optional<AppliedOffer>& offer) {

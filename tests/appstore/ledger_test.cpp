@@ -218,6 +218,17 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
        "a SQLite database of something else (application_id 7)"},
       {[&] { return foreign(sampleLedger("newer.db"), "PRAGMA user_version = 2"); },
        "schema version 2 is newer than this build's (1)"},
+      // Dates the store's arithmetic would overflow on, in a file SQLite finds sound.
+      {[&] {
+         return foreign(sampleLedger("late.db"),
+                        "UPDATE transactions SET purchase_date = 253402300800000 WHERE id = 4");
+       },
+       "damaged (a date outside the years 1970 to 9999)"},
+      {[&] {
+         return foreign(sampleLedger("clock.db"),
+                        "INSERT INTO named_values VALUES ('clock.offsetMs', '-9000000000000000000')");
+       },
+       "damaged (a date outside the years 1970 to 9999)"},
       {[&] {
          const auto path = sampleLedger("cut.db", 200);
          fs::resize_file(path, fs::file_size(path) / 2);
