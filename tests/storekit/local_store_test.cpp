@@ -218,10 +218,43 @@ TEST_F(StoreTest, OfferCodesAndPromotionalOffersBoughtOutsideTheApp) {
   EXPECT_EQ(outside.price(), dec("19.99"));
   expectLists({outside.id()}, {outside.id()}, {outside.id()});
 
+}
+
+TEST_F(StoreTest, RefusedPurchaseOptionsNameTheirFaultAndLeaveNoTrace) {
+  const auto promo = [](std::string offerID, std::string signature) {
+    return PurchaseOption::promotionalOffer(std::move(offerID), "KEY1", platform::UUID::random(),
+                                            std::move(signature), 1);
+  };
+  const std::string kComeback = "trailclub.comeback.sixmonths";
+  using Code = PurchaseError::Code;
+  const struct {
+    std::string productID;
+    PurchaseOption option;
+    Code expected;
+  } cases[] = {
+      {kCoins, PurchaseOption::quantity(0), Code::invalidQuantity},
+      {kCoins, PurchaseOption::quantity(-1), Code::invalidQuantity},
+      {kBasic, PurchaseOption::quantity(11), Code::invalidQuantity},
+      {kCoins, promo(kComeback, "c2lnbmF0dXJl"), Code::ineligibleForOffer},
+      {kRemoveAds, promo(kComeback, "c2lnbmF0dXJl"), Code::ineligibleForOffer},
+      {kPro, promo("no.such.offer", "c2lnbmF0dXJl"), Code::invalidOfferIdentifier},
+      {kPro, promo(kComeback, "not base64!"), Code::invalidOfferSignature},
+      {kPro, promo(kComeback, ""), Code::missingOfferParameters},
+  };
+  for (const auto& row : cases) {
+    try {
+      Product::products({row.productID}).at(0).purchase({row.option});
+      ADD_FAILURE() << row.productID << ": bought, expected " << PurchaseError(row.expected).caseName();
+    } catch (const PurchaseError& error) {
+      EXPECT_EQ(error.caseName(), PurchaseError(row.expected).caseName()) << row.productID;
+    }
+  }
   // A refused option leaves no trace.
-  EXPECT_THROW(Product::products({kBasic}).at(0).purchase({PurchaseOption::quantity(11)}),
-               PurchaseError);
-  EXPECT_EQ(ids(Transaction::all()), IDs{outside.id()});
+  expectLists({}, {}, {});
+  // The same purchases go through with the option corrected.
+  buy(kCoins);
+  const auto corrected = Product::products({kPro}).at(0).purchase({promo(kComeback, "c2lnbmF0dXJl")});
+  EXPECT_TRUE(std::holds_alternative<PurchaseResult::Success>(corrected.value));
 }
 
 TEST_F(StoreTest, RefundRevokesReSignsAndRemovesTheEntitlementAndClearingForgetsAll) {

@@ -137,6 +137,16 @@ TEST(StoreConfiguration, RefusesBrokenFilesNamingThePlace) {
        R"("type":"RecurringSubscription","recurringSubscriptionPeriod":"P1X"}]}]})",
        "bad.storekit: subscriptionGroups[0].subscriptions[0].recurringSubscriptionPeriod: not a "
        "subscription period"},
+      // Period values stop at 999 units, so that date arithmetic on them cannot overflow.
+      {R"({"subscriptionGroups":[{"id":"G","subscriptions":[{"productID":"s","displayPrice":"1",)"
+       R"("type":"RecurringSubscription","recurringSubscriptionPeriod":"P1000Y"}]}]})",
+       "bad.storekit: subscriptionGroups[0].subscriptions[0].recurringSubscriptionPeriod: not a "
+       "subscription period: \"P1000Y\""},
+      {R"({"subscriptionGroups":[{"id":"G","subscriptions":[{"productID":"s","displayPrice":"1",)"
+       R"("type":"RecurringSubscription","recurringSubscriptionPeriod":"P1M","introductoryOffer":)"
+       R"({"internalID":"i","paymentMode":"free","subscriptionPeriod":"P1000D"}}]}]})",
+       "bad.storekit: subscriptionGroups[0].subscriptions[0].introductoryOffer.subscriptionPeriod: "
+       "not a subscription period: \"P1000D\""},
   };
   for (const auto& [text, message] : cases) {
     try {

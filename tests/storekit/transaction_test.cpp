@@ -73,6 +73,17 @@ TEST(JWS, SignsWithTheChainInTheHeaderAndARawSignatureAndRejectsAnyChange) {
   EXPECT_EQ(verifyJWS(late, root, platform::dateFromMillisecondsSince1970(1700000000000)),
             R"({"signedDate":4200000000000})");
   EXPECT_EQ(rejection(header64 + ".bm90IGpzb24." + signature64, root), Code::invalidEncoding);
+  // Only ES256 is accepted, whatever the rest of the token says: a header naming another
+  // algorithm, or none, is refused before any signature is checked.
+  for (const json::value& alg : {json::value("ES384"), json::value("none"), json::value("es256"),
+                                json::value(256), json::value(nullptr)}) {
+    auto other = json::parse(*base64URLDecode(header64)).as_object();
+    other["alg"] = alg;
+    if (alg.is_null()) other.erase("alg");
+    EXPECT_EQ(rejection(base64URLEncode(json::serialize(other)) + jws.substr(dot1), root),
+              Code::invalidEncoding)
+        << json::serialize(alg);
+  }
 }
 
 json::object payload(std::string_view extra = "") {
