@@ -279,24 +279,58 @@ StoreSettings readSettings(const Reader& reader) {
 
 }  // namespace
 
+namespace {
+
+// A locale identifier's language, script and region ("zh_Hant_TW", "pt-BR", "en"), with the
+// script a region implies where one language is written in two (Chinese: Traditional in
+// Taiwan, Hong Kong and Macao, Simplified elsewhere).
+struct LocaleParts {
+  std::string language, script, region;
+};
+
+LocaleParts localeParts(std::string_view id) {
+  LocaleParts parts;
+  std::size_t index = 0;
+  while (!id.empty()) {
+    const auto end = id.find_first_of("_-");
+    std::string part(id.substr(0, end));
+    id = end == std::string_view::npos ? std::string_view() : id.substr(end + 1);
+    if (index++ == 0) {
+      for (char& c : part) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      parts.language = part;
+    } else if (part.size() == 4) {
+      for (char& c : part) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      part[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(part[0])));
+      parts.script = part;
+    } else if (parts.region.empty()) {
+      for (char& c : part) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      parts.region = part;
+    }
+  }
+  if (parts.script.empty() && parts.language == "zh") {
+    const bool traditional = parts.region == "TW" || parts.region == "HK" || parts.region == "MO";
+    parts.script = traditional ? "Hant" : "Hans";
+  }
+  return parts;
+}
+
+}  // namespace
+
 const Localization* pickLocalization(const std::vector<Localization>& localizations,
                                      std::string_view locale) {
   if (localizations.empty()) return nullptr;
-  auto normalized = [](std::string_view id) {
-    std::string text(id);
-    std::replace(text.begin(), text.end(), '-', '_');
-    return text;
-  };
-  const auto wanted = normalized(locale);
-  const auto language = wanted.substr(0, wanted.find('_'));
+  const auto wanted = localeParts(locale);
+  const Localization* best = nullptr;
+  int bestScore = 0;
   for (const auto& entry : localizations) {
-    if (normalized(entry.locale) == wanted) return &entry;
+    const auto offered = localeParts(entry.locale);
+    if (offered.language != wanted.language) continue;
+    int score = 1;
+    if (offered.script == wanted.script) score += 2;
+    if (offered.region == wanted.region) score += 1;
+    if (score > bestScore) best = &entry, bestScore = score;
   }
-  for (const auto& entry : localizations) {
-    const auto id = normalized(entry.locale);
-    if (id.substr(0, id.find('_')) == language) return &entry;
-  }
-  return &localizations.front();
+  return best ? best : &localizations.front();
 }
 
 StoreConfiguration StoreConfiguration::parse(std::string_view text, std::string_view name) {

@@ -97,7 +97,9 @@ struct StoreConfiguration {
   const ConfiguredGroup* group(std::string_view groupID) const;
 };
 
-// The localization for `locale`: the same identifier, else the same language, else the first.
+// The localization for `locale`: the same identifier; else the same language in the same
+// script (Chinese scripts implied by region), preferring the same region; else the same
+// language; else the first.
 const Localization* pickLocalization(const std::vector<Localization>& localizations,
                                      std::string_view locale);
 

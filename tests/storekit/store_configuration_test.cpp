@@ -162,6 +162,29 @@ TEST(StoreConfiguration, RefusesBrokenFilesNamingThePlace) {
   EXPECT_THROW(LocalStore::create(config), ConfigurationError);
 }
 
+TEST(StoreConfiguration, LocalizationsMatchTheScriptBeforeTheRegion) {
+  using appstore::Localization;
+  const auto pick = [](std::vector<std::string> offered, const std::string& wanted) {
+    std::vector<Localization> localizations;
+    for (auto& locale : offered) localizations.push_back({std::move(locale), "", ""});
+    return appstore::pickLocalization(localizations, wanted)->locale;
+  };
+  const std::vector<std::string> byScript = {"zh_Hans", "zh_Hant"}, byRegion = {"zh_CN", "zh_TW"};
+  const std::vector<std::string> reversed = {"zh_Hant", "zh_Hans"};
+  const struct {
+    std::vector<std::string> offered;
+    std::string wanted, expected;
+  } cases[] = {
+      {byScript, "zh_TW", "zh_Hant"}, {byScript, "zh_HK", "zh_Hant"}, {byScript, "zh-MO", "zh_Hant"},
+      {reversed, "zh_CN", "zh_Hans"}, {reversed, "zh_SG", "zh_Hans"}, {reversed, "zh", "zh_Hans"},
+      {byRegion, "zh_HK", "zh_TW"},   {byRegion, "zh_Hant", "zh_TW"}, {byRegion, "zh_SG", "zh_CN"},
+      {{"zh_Hant_HK", "zh_Hant_TW"}, "zh_TW", "zh_Hant_TW"},
+      {{"en_GB", "en_US", "fr_FR"}, "en-US", "en_US"}, {{"en_GB", "fr_FR"}, "en_US", "en_GB"},
+      {{"fr_CA", "fr_FR"}, "fr_FR", "fr_FR"},           {{"de_DE", "ja_JP"}, "ko_KR", "de_DE"},
+  };
+  for (const auto& row : cases) EXPECT_EQ(pick(row.offered, row.wanted), row.expected) << row.wanted;
+}
+
 TEST(StoreConfiguration, PricesFormatExactly) {
   // Exact decimals: no binary rounding on the way to ICU.
   EXPECT_EQ(formatPrice(*platform::Decimal::parse("1234567.89"), "en_US", "USD"), "$1,234,567.89");
