@@ -3,53 +3,18 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/driver_process.h"
+
 namespace {
 
-struct DriverRun {
-  int exitStatus = -1;
-  std::vector<std::string> lines;  // standard output
-  std::string errors;              // standard error
-};
-
-std::string take(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  std::filesystem::remove(path);
-  return text.str();
-}
-
-// Runs the driver with `arguments`, the `input` lines as its standard input, until it exits.
-DriverRun runDriver(const std::vector<std::string>& input, const std::string& arguments = "") {
-  static int runs = 0;
-  const auto base = std::filesystem::temp_directory_path().string() + "/vorntesk-driver-" +
-                    std::to_string(::getpid()) + "-" + std::to_string(++runs);
-  std::ofstream in(base + ".in");
-  for (const auto& line : input) in << line << "\n";
-  in.close();
-  const int status = std::system((VORNTESK_DRIVER_PATH " " + arguments + " < " + base + ".in > " +
-                                  base + ".out 2> " + base + ".err")
-                                     .c_str());
-  take(base + ".in");
-  DriverRun run{WIFEXITED(status) ? WEXITSTATUS(status) : -1, {}, take(base + ".err")};
-  const std::string output = take(base + ".out");
-  EXPECT_TRUE(output.empty() || output.back() == '\n') << "output ends in a partial line";
-  std::istringstream stream(output);
-  for (std::string line; std::getline(stream, line);) run.lines.push_back(line);
-  return run;
-}
+using testsupport::DriverRun;
+using testsupport::runDriver;
 
 const std::string kStorefront =
     R"("envelope":{"success":{"countryCode":"USA","identifier":"143441"}}})";
