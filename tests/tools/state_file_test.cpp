@@ -1,0 +1,277 @@
+// The driver's state file as its users meet it: the files it refuses to start on, each named
+// in one line on standard error and left with the bytes it had, and commits that fail while
+// it runs, answered as errors and leaving nothing in the file.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <SQLiteCpp/Database.h>
+#include <boost/json/parse.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/driver_process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace json = boost::json;
+using testsupport::DriverRun;
+using testsupport::runDriver;
+
+std::string purchaseLine(const std::string& id) {
+  return R"({"id":)" + id +
+         R"(,"call":"Purchase","payload":{"productId":"com.vorntesk.sample.coins100"}})";
+}
+
+// The SHA-256 of a file's bytes in hex, or "no file".
+std::string sha256Of(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "no file";
+  const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  EXPECT_EQ(EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr), 1);
+  std::string hex;
+  char pair[3];
+  for (unsigned int i = 0; i < length; ++i) {
+    std::snprintf(pair, sizeof pair, "%02x", digest[i]);
+    hex += pair;
+  }
+  return hex;
+}
+
+// The transaction ids a GetAllTransactions answer lists, in its order.
+std::vector<std::int64_t> listedIds(const std::string& answer) {
+  const auto listing = json::parse(answer);
+  std::vector<std::int64_t> ids;
+  for (const auto& t : listing.at("envelope").at("success").at("transactions").as_array()) {
+    ids.push_back(t.at("id").to_number<std::int64_t>());
+  }
+  return ids;
+}
+
+// A driver whose standard input is a pipe kept open, so that it runs, holding its state file,
+// until this object is destroyed.
+class RunningDriver {
+ public:
+  explicit RunningDriver(const std::vector<std::string>& arguments) {
+    std::vector<char*> argv{const_cast<char*>(VORNTESK_DRIVER_PATH)};
+    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    int input[2], output[2];
+    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) return;
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(input[0], 0);
+      ::dup2(output[1], 1);
+      ::execv(VORNTESK_DRIVER_PATH, argv.data());
+      ::_exit(127);
+    }
+    ::close(input[0]);
+    ::close(output[1]);
+    in_ = input[1];
+    out_ = output[0];
+  }
+
+  // Sends `line` and returns the next line of output, or "" if none comes within 30 seconds.
+  std::string ask(const std::string& line) {
+    const std::string text = line + "\n";
+    if (pid_ <= 0 || ::write(in_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+      return "";
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    std::string answer;
+    char c = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+      pollfd ready{out_, POLLIN, 0};
+      if (::poll(&ready, 1, 100) != 1) continue;
+      if (::read(out_, &c, 1) != 1) return "";
+      if (c == '\n') return answer;
+      answer += c;
+    }
+    return "";
+  }
+
+  // Ends its input, gives it ten seconds to exit, then kills it.
+  ~RunningDriver() {
+    if (in_ >= 0) ::close(in_);
+    if (out_ >= 0) ::close(out_);
+    if (pid_ <= 0) return;
+    int status = 0;
+    for (int i = 0; i < 100; ++i) {
+      if (::waitpid(pid_, &status, WNOHANG) == pid_) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, &status, 0);
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int in_ = -1;
+  int out_ = -1;
+};
+
+class StateFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "state_file_test.XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+    // Other users may pass through, for the runs as one who cannot write here.
+    fs::permissions(dir_, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  // A ledger the driver made with `purchases` purchases, all of it in the file itself: the
+  // driver leaves its write-ahead log beside the file, which SQLite folds in when the last
+  // connection closes.
+  fs::path ledger(const std::string& name, int purchases) {
+    const auto path = dir_ / name;
+    std::vector<std::string> input;
+    for (int i = 1; i <= purchases; ++i) input.push_back(purchaseLine(std::to_string(i)));
+    const DriverRun made = runDriver(input, "--state " + path.string());
+    EXPECT_EQ(made.exitStatus, 0) << made.errors;
+    SQLite::Database database(path.string(), SQLite::OPEN_READWRITE);
+    EXPECT_EQ(database.execAndGet("SELECT count(*) FROM transactions").getInt(), purchases);
+    return path;
+  }
+
+  // The driver, run on `file` by `launcher`, refuses it with the one line `cause` on standard
+  // error (for SQLite's own words, a `cause` ending in "(" or ": " is the line's start), and
+  // the file keeps its bytes.
+  void expectRefused(const fs::path& file, const std::string& cause,
+                     const std::string& launcher = "") {
+    SCOPED_TRACE(file.filename().string());
+    const auto before = sha256Of(file);
+    const DriverRun run = runDriver({purchaseLine("1")}, "--state " + file.string(), launcher);
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_TRUE(run.lines.empty()) << run.lines.front().substr(0, 200);
+    const std::string line = "vorntesk-storekit: state file " + file.string() + ": " + cause;
+    if (cause.ends_with("(") || cause.ends_with(": ")) {
+      EXPECT_TRUE(run.errors.starts_with(line)) << run.errors;
+      EXPECT_EQ(run.errors.find('\n'), run.errors.size() - 1) << run.errors;
+    } else {
+      EXPECT_EQ(run.errors, line + "\n");
+    }
+    EXPECT_EQ(sha256Of(file), before);
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(StateFileTest, EachRefusedFileIsNamedWithItsCauseAndKeepsItsBytes) {
+  const auto text = dir_ / "notes.txt";
+  std::ofstream(text) << "Shopping: milk, eggs, a StoreKit configuration\n";
+  const auto foreign = dir_ / "notes.db";
+  SQLite::Database(foreign.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE)
+      .exec("PRAGMA application_id = 42; CREATE TABLE notes (text TEXT)");
+  const auto cut = ledger("cut.db", 4);
+  fs::resize_file(cut, fs::file_size(cut) / 2);
+  const auto newer = ledger("newer.db", 1);
+  SQLite::Database(newer.string(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 2");
+  const auto held = ledger("held.db", 1);
+  RunningDriver holder({"--state", held.string()});
+  ASSERT_EQ(holder.ask(R"({"id":1,"call":"GetStorefront"})"),
+            R"({"id":1,"envelope":{"success":{"countryCode":"USA","identifier":"143441"}}})");
+
+  expectRefused(text, "not a SQLite database");
+  expectRefused(foreign, "a SQLite database of something else (application_id 42)");
+  expectRefused(cut, "damaged (");
+  expectRefused(newer, "schema version 2 is newer than this build's (1)");
+  expectRefused(held, "in use by another process");
+}
+
+// As root, which permission bits do not stop, the driver could write anywhere: these run it as
+// nobody (65534), for whom the directory is read-only.
+TEST_F(StateFileTest, AReadOnlyDirectoryIsRefusedForANewFileAndForAnExistingLedger) {
+  const std::string asNobody = "setpriv --reuid=65534 --regid=65534 --clear-groups";
+  if (runDriver({}, "--help", asNobody).exitStatus != 0) {
+    GTEST_SKIP() << "SKIPPED: cannot run the driver as user 65534 with setpriv (needs root, "
+                    "util-linux's setpriv, and a build tree others may read), so the refusals "
+                    "of a read-only directory were not checked";
+  }
+  const auto locked = dir_ / "locked";
+  fs::create_directory(locked);
+  fs::permissions(locked, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
+  const auto existing = ledger("locked/existing.db", 1);
+  ASSERT_EQ(::chown(existing.c_str(), 65534, 65534), 0);
+
+  expectRefused(locked / "new.db", "cannot create: Permission denied", asNobody);
+  EXPECT_FALSE(fs::exists(locked / "new.db"));
+  // The file is writable but the write-ahead log beside it cannot be made.
+  expectRefused(existing, "cannot open: ", asNobody);
+}
+
+// Writes past 200,000 bytes fail with EFBIG (SIGXFSZ ignored, so it does not kill the driver):
+// the ledger opens and takes a few purchases, until its write-ahead log reaches the limit.
+TEST_F(StateFileTest, APurchaseWhoseCommitFailsIsAnErrorAndLeavesNothingInTheFile) {
+  const auto state = dir_ / "state.db";
+  const std::string limited = R"(sh -c 'trap "" XFSZ; exec prlimit --fsize=200000 "$0" "$@"')";
+  std::vector<std::string> input;
+  constexpr int kPurchases = 40;
+  for (int id = 1; id <= kPurchases; ++id) input.push_back(purchaseLine(std::to_string(id)));
+  input.push_back(R"({"id":"storefront","call":"GetStorefront"})");
+  input.push_back(R"({"id":"all","call":"GetAllTransactions"})");
+  const DriverRun run = runDriver(input, "--state " + state.string(), limited);
+  EXPECT_EQ(run.exitStatus, 0) << run.errors;
+  ASSERT_EQ(run.lines.size(), kPurchases + 2u) << run.errors;
+
+  const std::string failed =
+      R"(,"envelope":{"error":{"code":"INTERNAL","message":"A StoreKit system error occurred.",)"
+      R"("externalCode":"state file )" +
+      state.string() + R"(: cannot commit: disk I/O error"}}})";
+  std::vector<std::int64_t> bought;
+  int failures = 0;
+  for (int id = 1; id <= kPurchases; ++id) {
+    const auto& line = run.lines[id - 1];
+    if (line == R"({"id":)" + std::to_string(id) + failed) {
+      ++failures;
+      continue;
+    }
+    const auto answer = json::parse(line);
+    const auto* success = answer.at("envelope").as_object().if_contains("success");
+    ASSERT_NE(success, nullptr) << line;
+    bought.push_back(success->at("transaction").at("id").to_number<std::int64_t>());
+  }
+  ASSERT_FALSE(bought.empty());
+  EXPECT_GT(failures, 0);
+  // The store goes on serving what it has.
+  EXPECT_EQ(
+      run.lines[kPurchases],
+      R"({"id":"storefront","envelope":{"success":{"countryCode":"USA","identifier":"143441"}}})");
+  EXPECT_EQ(listedIds(run.lines[kPurchases + 1]), bought);
+
+  // Relaunched without the limit: the purchases answered with success and nothing else, and
+  // the next purchase takes an id after theirs.
+  const DriverRun relaunched =
+      runDriver({R"({"id":"all","call":"GetAllTransactions"})", purchaseLine("\"next\""),
+                 R"({"id":"all","call":"GetAllTransactions"})"},
+                "--state " + state.string());
+  EXPECT_EQ(relaunched.exitStatus, 0) << relaunched.errors;
+  ASSERT_EQ(relaunched.lines.size(), 3u) << relaunched.errors;
+  EXPECT_EQ(listedIds(relaunched.lines[0]), bought);
+  const auto next = json::parse(relaunched.lines[1])
+                        .at("envelope")
+                        .at("success")
+                        .at("transaction")
+                        .at("id")
+                        .to_number<std::int64_t>();
+  EXPECT_GT(next, bought.back());
+  bought.push_back(next);
+  EXPECT_EQ(listedIds(relaunched.lines[2]), bought);
+}
+
+}  // namespace
