@@ -1,6 +1,11 @@
 // Apple's App Store Server Library (from npm, in the build tree) reads the local store's signed
-// transactions as we wrote them, verified against our root, in the Xcode and Sandbox forms.
+// transactions as we wrote them, verified against our root, in the Xcode and Sandbox forms, and
+// those of the driver across a relaunch against the root it exports.
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +18,7 @@
 #include "platform/base64.h"
 #include "appstore/local_store.h"
 #include "storekit/jws.h"
+#include "support/driver_process.h"
 
 namespace storekit {
 namespace {
@@ -29,26 +35,58 @@ std::string readFile(const fs::path& path) {
 
 int run(const std::string& command) { return std::system(command.c_str()); }
 
-TEST(AppStoreServerLibrary, ReadsAndVerifiesOurSignedTransactions) {
-  const fs::path dir = fs::path(VORNTESK_BINARY_DIR) / "interop";
-  fs::create_directories(dir);
-  for (const char* file : {"package.json", "verify.cjs"}) {
-    fs::copy_file(fs::path(VORNTESK_SOURCE_DIR "/tests/interop") / file, dir / file,
-                  fs::copy_options::overwrite_existing);
-  }
-  // Installed once per build tree.
-  if (!fs::exists(dir / "node_modules/@apple/app-store-server-library/package.json") &&
-      run("cd '" + dir.string() +
-          "' && npm install --no-audit --no-fund --loglevel=error > npm-install.log 2>&1") != 0) {
-    const auto failure = readFile(dir / "npm-install.log");
-    if (run("npm ping > /dev/null 2>&1") != 0) {
-      GTEST_SKIP() << "SKIPPED: the npm registry cannot be reached, so Apple's "
-                      "@apple/app-store-server-library could not be installed. npm said:\n"
-                   << failure;
+// The library, installed once per build tree, and verify.cjs beside it.
+class AppStoreServerLibrary : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(dir_);
+    for (const char* file : {"package.json", "verify.cjs"}) {
+      fs::copy_file(fs::path(VORNTESK_SOURCE_DIR "/tests/interop") / file, dir_ / file,
+                    fs::copy_options::overwrite_existing);
     }
-    FAIL() << "npm install failed although the registry answers:\n" << failure;
+    // The tests of this program may run at once: one installs while the others wait.
+    const int lock = ::open((dir_ / "install.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(lock, 0);
+    lock_ = lock;
+    for (int i = 0; i < 600 && ::flock(lock, LOCK_EX | LOCK_NB) != 0; ++i) ::sleep(1);
+    if (!fs::exists(dir_ / "node_modules/@apple/app-store-server-library/package.json") &&
+        run("cd '" + dir_.string() +
+            "' && npm install --no-audit --no-fund --loglevel=error > npm-install.log 2>&1") != 0) {
+      const auto failure = readFile(dir_ / "npm-install.log");
+      if (run("npm ping > /dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "SKIPPED: the npm registry cannot be reached, so Apple's "
+                        "@apple/app-store-server-library could not be installed. npm said:\n"
+                     << failure;
+      }
+      FAIL() << "npm install failed although the registry answers:\n" << failure;
+    }
+    ::close(lock_);
+    lock_ = -1;
   }
 
+  // What SignedDataVerifier makes of each item of `input` (see verify.cjs), under `name`.
+  json::array verify(const json::object& input, const std::string& name) {
+    std::ofstream(dir_ / (name + ".json")) << json::serialize(input);
+    const auto output = dir_ / (name + "-output.json");
+    const auto errors = dir_ / (name + "-error.log");
+    EXPECT_EQ(run("cd '" + dir_.string() + "' && node verify.cjs " + name + ".json > '" +
+                  output.string() + "' 2> '" + errors.string() + "'"),
+              0)
+        << readFile(errors);
+    boost::system::error_code failed;
+    auto results = json::parse(readFile(output), failed);
+    return results.is_array() ? std::move(results.as_array()) : json::array{};
+  }
+
+  void TearDown() override {
+    if (lock_ >= 0) ::close(lock_);
+  }
+
+  const fs::path dir_ = fs::path(VORNTESK_BINARY_DIR) / "interop";
+  int lock_ = -1;
+};
+
+TEST_F(AppStoreServerLibrary, ReadsAndVerifiesOurSignedTransactions) {
   // Every kind of transaction the store makes: a quantity and a token, a pay-as-you-go offer,
   // a renewal, an upgrade, a refund, a non-renewing subscription.
   auto store = LocalStore::createFromFile(VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit");
@@ -86,15 +124,11 @@ TEST(AppStoreServerLibrary, ReadsAndVerifiesOurSignedTransactions) {
   items.push_back({{"jws", sandbox},
                    {"environment", "Sandbox"},
                    {"trustedRoots", {json::string(platform::base64Encode(foreignRoot))}}});
-  std::ofstream(dir / "input.json") << json::serialize(json::object{
-      {"bundleId", store->bundleID()},
-      {"trustedRoots", {json::string(platform::base64Encode(store->rootCertificate()))}},
-      {"items", items}});
-  ASSERT_EQ(run("cd '" + dir.string() +
-                "' && node verify.cjs input.json > output.json 2> node-error.log"),
-            0)
-      << readFile(dir / "node-error.log");
-  const auto results = json::parse(readFile(dir / "output.json")).as_array();
+  const auto results =
+      verify({{"bundleId", store->bundleID()},
+              {"trustedRoots", {json::string(platform::base64Encode(store->rootCertificate()))}},
+              {"items", items}},
+             "input");
   ASSERT_EQ(results.size(), 2 * history.size() + 2);
   // Every member the library decodes is the one we signed, and nothing else.
   for (std::size_t i = 0; i < 2 * history.size(); ++i) {
@@ -107,6 +141,91 @@ TEST(AppStoreServerLibrary, ReadsAndVerifiesOurSignedTransactions) {
   }
   EXPECT_FALSE(results[results.size() - 2].at("ok").as_bool());
   EXPECT_FALSE(results.back().at("ok").as_bool());
+}
+
+// The certificate of a PEM file, as DER: the base64 between its armour lines.
+std::string derOfPEM(const std::string& pem) {
+  std::istringstream lines(pem);
+  std::string base64;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("-----")) base64 += line;
+  }
+  return platform::base64Decode(base64).value_or("");
+}
+
+std::string purchaseLine(const char* productID) {
+  return std::string(R"({"id":0,"call":"Purchase","payload":{"productId":")") + productID +
+         R"("}})";
+}
+
+// Tokens the driver signed in the Sandbox form, before a relaunch on the same state file and
+// after it, verify under the one root it exported, in Apple's Sandbox environment.
+TEST_F(AppStoreServerLibrary, VerifiesTokensFromBeforeAndAfterARelaunchAgainstTheExportedRoot) {
+  std::string pattern = (fs::temp_directory_path() / "interop_relaunch.XXXXXX").string();
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  const fs::path temp = pattern;
+  const std::string options = "--environment Sandbox --state " + (temp / "state.db").string() +
+                              " --export-root " + (temp / "root.pem").string();
+  const auto first = testsupport::runDriver(
+      {purchaseLine("com.vorntesk.sample.coins100"), purchaseLine("com.vorntesk.sample.removeads")},
+      options);
+  const auto firstRoot = readFile(temp / "root.pem");
+  const auto second = testsupport::runDriver(
+      {purchaseLine("com.vorntesk.sample.basic.monthly"),
+       purchaseLine("com.vorntesk.sample.seasonpass"), R"({"id":1,"call":"GetAllTransactions"})"},
+      options);
+  const auto root = derOfPEM(readFile(temp / "root.pem"));
+  fs::remove_all(temp);
+  ASSERT_EQ(first.exitStatus, 0) << first.errors;
+  ASSERT_EQ(second.exitStatus, 0) << second.errors;
+  ASSERT_EQ(second.lines.size(), 3u) << second.errors;
+  EXPECT_EQ(derOfPEM(firstRoot), root) << "the relaunch signs under another root";
+  ASSERT_FALSE(root.empty());
+
+  const auto listing = json::parse(second.lines[2]);
+  const auto& transactions = listing.at("envelope").at("success").at("transactions").as_array();
+  ASSERT_EQ(transactions.size(), 4u) << second.lines[2];
+  // The tokens handed out before the relaunch are listed as they were.
+  ASSERT_EQ(first.lines.size(), 2u) << first.errors;
+  for (std::size_t i = 0; i < first.lines.size(); ++i) {
+    EXPECT_EQ(json::parse(first.lines[i])
+                  .at("envelope")
+                  .at("success")
+                  .at("transaction")
+                  .at("jwsRepresentation"),
+              transactions[i].at("jwsRepresentation"));
+  }
+  json::array items;
+  for (const auto& transaction : transactions) {
+    items.push_back({{"jws", transaction.at("jwsRepresentation")}, {"environment", "Sandbox"}});
+  }
+  // The first purchase's token with its quantity changed after signing.
+  const std::string token(transactions[0].at("jwsRepresentation").as_string());
+  const auto payloadStart = token.find('.') + 1, signatureStart = token.rfind('.');
+  auto payload =
+      *platform::base64URLDecode(token.substr(payloadStart, signatureStart - payloadStart));
+  ASSERT_NE(payload.find("\"quantity\":1"), std::string::npos) << payload;
+  payload.replace(payload.find("\"quantity\":1"), 12, "\"quantity\":9");
+  items.push_back({{"jws", token.substr(0, payloadStart) + platform::base64URLEncode(payload) +
+                               token.substr(signatureStart)},
+                   {"environment", "Sandbox"}});
+
+  const auto bundleID =
+      LocalStore::createFromFile(VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit")->bundleID();
+  const auto results = verify({{"bundleId", bundleID},
+                               {"trustedRoots", {json::string(platform::base64Encode(root))}},
+                               {"items", items}},
+                              "relaunch");
+  ASSERT_EQ(results.size(), transactions.size() + 1);
+  for (std::size_t i = 0; i < transactions.size(); ++i) {
+    const auto& token = transactions[i].at("jwsRepresentation").as_string();
+    ASSERT_TRUE(results[i].at("ok").as_bool()) << json::serialize(results[i]);
+    EXPECT_EQ(results[i].at("decoded"), json::parse(*decodeJWSPayload(token)));
+    EXPECT_EQ(results[i].at("decoded").at("environment"), "Sandbox");
+  }
+  // Turned down for its signature (VerificationStatus.VERIFICATION_FAILURE).
+  EXPECT_FALSE(results.back().at("ok").as_bool());
+  EXPECT_EQ(results.back().at("status"), 1) << json::serialize(results.back());
 }
 
 }  // namespace
