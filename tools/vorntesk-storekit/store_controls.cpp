@@ -1,5 +1,6 @@
 #include "store_controls.h"
 
+#include "platform/base64.h"
 #include "platform/date.h"
 #include "platform/system_version.h"
 #include "platform/uuid.h"
@@ -98,7 +99,7 @@ object describe(const appstore::TestTransaction& entry) {
   return out;
 }
 
-// buyProduct's request: productID, quantity, appAccountToken, promotionalOfferID.
+// buyProduct's request: productID, quantity, appAccountToken, promotionalOfferID, signature.
 appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
   appstore::PurchaseRequest request;
   request.productID = arguments.string("productID");
@@ -108,8 +109,13 @@ appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
     if (!request.appAccountToken) throw ControlError("argument \"appAccountToken\" must be a UUID");
   }
   if (arguments.has("promotionalOfferID")) {
+    // Bought outside the app, the offer is the App Store's to grant: the signature an app
+    // would have from its server is not needed, but a well-formed one is still passed on, or
+    // the one given.
+    const auto signature = arguments.has("signature") ? arguments.string("signature")
+                                                      : platform::base64Encode(std::string(64, '\0'));
     request.promotionalOffer = {arguments.string("promotionalOfferID"), "local-key",
-                                platform::UUID::random(), "", 0};
+                                platform::UUID::random(), signature, 0};
   }
   return request;
 }
@@ -221,7 +227,8 @@ const std::map<std::string, Control, std::less<>>& controls() {
            s.resetToDefaultState();
            return object{};
          }});
-    add({{"buyProduct", "productID, [quantity], [appAccountToken], [promotionalOfferID]",
+    add({{"buyProduct",
+          "productID, [quantity], [appAccountToken], [promotionalOfferID, [signature: Base64]]",
           "a purchase made outside the app, delivered through the update stream",
           R"({"id":1,"store":"buyProduct","productID":"com.example.coins100"})"},
          [](LocalStore& s, const Arguments& a) {
