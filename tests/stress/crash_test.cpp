@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "storekit/jws.h"
+#include "support/driver_process.h"
 
 namespace {
 
@@ -38,101 +39,10 @@ namespace fs = std::filesystem;
 namespace json = boost::json;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
+using testsupport::RunningDriver;
 
 constexpr int kKills = 200;
-constexpr auto kAnswerTimeout = std::chrono::seconds(30);
 constexpr auto kTestBudget = std::chrono::seconds(420);
-
-// One driver process: lines written to its standard input, its standard output read line by
-// line on a thread of its own, its standard error kept in a file.
-class DriverProcess {
- public:
-  DriverProcess(const std::vector<std::string>& arguments, const fs::path& errors) {
-    int in[2], out[2];
-    if (::pipe(in) != 0 || ::pipe(out) != 0) throw std::runtime_error("pipe");
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(in[0], 0);
-      ::dup2(out[1], 1);
-      std::FILE* err = std::fopen(errors.c_str(), "a");
-      if (err) ::dup2(::fileno(err), 2);
-      for (int fd : {in[0], in[1], out[0], out[1]}) ::close(fd);
-      std::vector<char*> argv{const_cast<char*>(VORNTESK_DRIVER_PATH)};
-      for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-      argv.push_back(nullptr);
-      ::execv(VORNTESK_DRIVER_PATH, argv.data());
-      ::_exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    input_ = in[1];
-    reader_ = std::thread([this, fd = out[0]] { readLines(fd); });
-  }
-
-  ~DriverProcess() {
-    kill();
-    reader_.join();
-  }
-
-  void send(const std::string& line) {
-    const std::string text = line + "\n";
-    // A killed driver makes the write fail (SIGPIPE is ignored below); that is expected.
-    (void)!::write(input_, text.data(), text.size());
-  }
-
-  void kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    ::close(input_);
-    pid_ = -1;
-  }
-
-  // Waits until the answer to `id` has been read, or the timeout passes.
-  bool waitForAnswer(const std::string& id) {
-    std::unique_lock lock(mutex_);
-    return arrived_.wait_for(lock, kAnswerTimeout, [&] {
-      for (const auto& line : lines_) {
-        if (line.rfind(R"({"id":")" + id + R"(",)", 0) == 0) return true;
-      }
-      return ended_;
-    }) && !ended_;
-  }
-
-  // Every line read so far; after kill(), every line the driver wrote.
-  std::vector<std::string> lines() {
-    std::unique_lock lock(mutex_);
-    if (pid_ <= 0) arrived_.wait_for(lock, kAnswerTimeout, [&] { return ended_; });
-    return lines_;
-  }
-
- private:
-  void readLines(int fd) {
-    std::string pending;
-    char buffer[65536];
-    for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
-      pending.append(buffer, static_cast<std::size_t>(got));
-      std::lock_guard lock(mutex_);
-      for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
-        lines_.push_back(pending.substr(0, end));
-        pending.erase(0, end + 1);
-      }
-      arrived_.notify_all();
-    }
-    ::close(fd);
-    std::lock_guard lock(mutex_);
-    ended_ = true;
-    arrived_.notify_all();
-  }
-
-  pid_t pid_ = -1;
-  int input_ = -1;
-  std::thread reader_;
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<std::string> lines_;
-  bool ended_ = false;
-};
 
 std::string readFile(const fs::path& path) {
   std::ostringstream text;
@@ -233,7 +143,6 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
   const fs::path dir = fs::temp_directory_path() / ("vorntesk-crash-" + std::to_string(::getpid()));
   fs::remove_all(dir);
   fs::create_directories(dir);
-  ::signal(SIGPIPE, SIG_IGN);
   const std::vector<std::string> arguments = {
       "--config", VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit", "--state",
       (dir / "state.db").string(), "--export-root", (dir / "root.pem").string()};
@@ -252,7 +161,7 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
   const auto started = Clock::now();
   int kills = 0, checkedLaunches = 0, answeredOperations = 0;
   for (; kills < kKills && Clock::now() - started < kTestBudget; ++kills) {
-    DriverProcess driver(arguments, dir / "driver-errors.txt");
+    RunningDriver driver(arguments, (dir / "driver-errors.txt").string());
     // One launch in eight is killed while it opens the file and starts.
     if (pick(8) == 0) {
       std::this_thread::sleep_for(std::chrono::microseconds(pick(20000)));

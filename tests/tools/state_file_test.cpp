@@ -28,6 +28,7 @@ namespace fs = std::filesystem;
 namespace json = boost::json;
 using testsupport::DriverRun;
 using testsupport::runDriver;
+using testsupport::RunningDriver;
 
 std::string purchaseLine(const std::string& id) {
   return R"({"id":)" + id +
@@ -60,68 +61,6 @@ std::vector<std::int64_t> listedIds(const std::string& answer) {
   }
   return ids;
 }
-
-// A driver whose standard input is a pipe kept open, so that it runs, holding its state file,
-// until this object is destroyed.
-class RunningDriver {
- public:
-  explicit RunningDriver(const std::vector<std::string>& arguments) {
-    std::vector<char*> argv{const_cast<char*>(VORNTESK_DRIVER_PATH)};
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    int input[2], output[2];
-    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) return;
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(input[0], 0);
-      ::dup2(output[1], 1);
-      ::execv(VORNTESK_DRIVER_PATH, argv.data());
-      ::_exit(127);
-    }
-    ::close(input[0]);
-    ::close(output[1]);
-    in_ = input[1];
-    out_ = output[0];
-  }
-
-  // Sends `line` and returns the next line of output, or "" if none comes within 30 seconds.
-  std::string ask(const std::string& line) {
-    const std::string text = line + "\n";
-    if (pid_ <= 0 || ::write(in_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-      return "";
-    }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    std::string answer;
-    char c = 0;
-    while (std::chrono::steady_clock::now() < deadline) {
-      pollfd ready{out_, POLLIN, 0};
-      if (::poll(&ready, 1, 100) != 1) continue;
-      if (::read(out_, &c, 1) != 1) return "";
-      if (c == '\n') return answer;
-      answer += c;
-    }
-    return "";
-  }
-
-  // Ends its input, gives it ten seconds to exit, then kills it.
-  ~RunningDriver() {
-    if (in_ >= 0) ::close(in_);
-    if (out_ >= 0) ::close(out_);
-    if (pid_ <= 0) return;
-    int status = 0;
-    for (int i = 0; i < 100; ++i) {
-      if (::waitpid(pid_, &status, WNOHANG) == pid_) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, &status, 0);
-  }
-
- private:
-  pid_t pid_ = -1;
-  int in_ = -1;
-  int out_ = -1;
-};
 
 class StateFileTest : public ::testing::Test {
  protected:
