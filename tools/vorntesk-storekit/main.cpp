@@ -157,5 +157,8 @@ int main(int argc, char** argv) {
   vorntesk_storekit::HostDriver driver(writer, output);
   Vorn_Tesk_AppleStoreKitService_Register();
   driver.run(std::cin);
+  // The ledger closes with the store: SQLite folds its write-ahead log back into the state
+  // file, which then holds everything by itself (a file copied after exit is complete).
+  appstore::LocalStore::setShared(nullptr);
   return 0;
 }
