@@ -167,8 +167,12 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   void setInterruptedPurchasesEnabled(bool enabled);
   bool failTransactionsEnabled() const;
   void setFailTransactionsEnabled(bool enabled);
+  bool shouldEnterBillingRetryOnRenewal() const;
+  void setShouldEnterBillingRetryOnRenewal(bool enabled);
+  bool billingGracePeriodIsEnabled() const;
+  void setBillingGracePeriodIsEnabled(bool enabled);
   int timeRate() const;
-  void setTimeRate(int rate);
+  void setTimeRate(std::int64_t rate);  // throws std::invalid_argument for an unknown rate
   std::string storefront() const;
   void setStorefront(const std::string& countryCode);  // throws std::invalid_argument
   std::string locale() const;

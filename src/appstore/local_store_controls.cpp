@@ -6,6 +6,7 @@
 
 #include "appstore/local_store.h"
 #include "appstore/store_state.h"
+#include "appstore/subscription_rules.h"
 
 namespace appstore {
 namespace json = boost::json;
@@ -40,13 +41,31 @@ void LocalStore::setFailTransactionsEnabled(bool enabled) {
   std::lock_guard lock(mutex_);
   state_->settings.failTransactionsEnabled = enabled;
 }
+bool LocalStore::shouldEnterBillingRetryOnRenewal() const {
+  std::lock_guard lock(mutex_);
+  return state_->settings.shouldEnterBillingRetryOnRenewal;
+}
+void LocalStore::setShouldEnterBillingRetryOnRenewal(bool enabled) {
+  std::lock_guard lock(mutex_);
+  state_->settings.shouldEnterBillingRetryOnRenewal = enabled;
+}
+bool LocalStore::billingGracePeriodIsEnabled() const {
+  std::lock_guard lock(mutex_);
+  return state_->settings.billingGracePeriodIsEnabled;
+}
+void LocalStore::setBillingGracePeriodIsEnabled(bool enabled) {
+  std::lock_guard lock(mutex_);
+  state_->settings.billingGracePeriodIsEnabled = enabled;
+}
 int LocalStore::timeRate() const {
   std::lock_guard lock(mutex_);
   return state_->settings.timeRate;
 }
-void LocalStore::setTimeRate(int rate) {
+void LocalStore::setTimeRate(std::int64_t rate) {
+  if (!isKnownTimeRate(rate)) throw std::invalid_argument(unknownTimeRateMessage(rate));
   std::lock_guard lock(mutex_);
-  state_->settings.timeRate = rate;
+  state_->settings.timeRate = static_cast<int>(rate);
+  wakeRenewals();
 }
 std::string LocalStore::storefront() const {
   std::lock_guard lock(mutex_);

@@ -11,6 +11,8 @@
 #include <boost/json/stream_parser.hpp>
 #include <boost/json/serialize.hpp>
 
+#include "appstore/subscription_rules.h"
+
 namespace appstore {
 namespace json = boost::json;
 namespace {
@@ -258,10 +260,18 @@ StoreSettings readSettings(const Reader& reader) {
   settings.storefront = reader.stringMember("_storefront", settings.storefront);
   settings.locale = reader.stringMember("_locale", settings.locale);
   settings.askToBuyEnabled = reader.boolMember("_askToBuyEnabled");
-  settings.interruptedPurchasesEnabled = reader.boolMember("_interruptedPurchasesEnabled");
+  // Xcode's editor calls interrupted purchases "billing issues".
+  settings.interruptedPurchasesEnabled =
+      reader.boolMember("_billingIssuesEnabled") || reader.boolMember("_interruptedPurchasesEnabled");
   settings.failTransactionsEnabled = reader.boolMember("_failTransactionsEnabled");
+  settings.shouldEnterBillingRetryOnRenewal = reader.boolMember("_renewalBillingIssuesEnabled");
+  settings.billingGracePeriodIsEnabled = reader.boolMember("_billingGracePeriodEnabled");
   settings.disableDialogs = reader.boolMember("_disableDialogs");
-  if (auto rate = reader.member("_timeRate")) settings.timeRate = static_cast<int>(rate->integer());
+  if (auto rate = reader.member("_timeRate")) {
+    const auto value = rate->integer();
+    if (!isKnownTimeRate(value)) rate->fail(unknownTimeRateMessage(value));
+    settings.timeRate = static_cast<int>(value);
+  }
   for (const auto& entry : reader.listMember("_storeKitErrors")) {
     if (!entry.boolMember("enabled")) continue;
     const auto nameReader = entry.required("name");

@@ -76,8 +76,12 @@ struct StoreSettings {
   bool askToBuyEnabled = false;
   bool interruptedPurchasesEnabled = false;
   bool failTransactionsEnabled = false;
+  // A renewal fails for a billing issue, and the subscription enters billing retry (or first
+  // the billing grace period, when that is on).
+  bool shouldEnterBillingRetryOnRenewal = false;
+  bool billingGracePeriodIsEnabled = false;
   bool disableDialogs = false;
-  int timeRate = 0;
+  int timeRate = 0;  // a known SKTestSession.TimeRate raw value (isKnownTimeRate)
   std::vector<std::pair<StoreKitAPI, StoreFailure>> simulatedErrors;
 };
 

@@ -2,6 +2,10 @@
 // one of SKTestSession's accelerated time rates. Pure; any thread.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <string>
+
 #include "appstore/subscription_period.h"
 #include "platform/date.h"
 
@@ -23,7 +27,18 @@ constexpr int kOneRenewalEveryTenSeconds = 1004;
 constexpr int kOneRenewalEveryTwoSeconds = 1005;
 }  // namespace time_rate
 
+// Whether `timeRate` is one of SKTestSession's rates: those above, and 1 to 6, the older
+// rates Xcode still writes, on which a day of subscription passes in a second.
+bool isKnownTimeRate(std::int64_t timeRate);
+// "unknown time rate N (known: ...)", for the errors that refuse one.
+std::string unknownTimeRateMessage(std::int64_t timeRate);
+
 // The end of a subscription period that starts at `start`, on a store running at `timeRate`.
 platform::Date periodEnd(platform::Date start, const SubscriptionPeriod& period, int timeRate);
+
+// How long the billing grace period of a subscription of `period` lasts, and how long the App
+// Store retries billing before the subscription expires, on a store running at `timeRate`.
+std::chrono::milliseconds gracePeriodLength(const SubscriptionPeriod& period, int timeRate);
+std::chrono::milliseconds billingRetryLength(int timeRate);
 
 }  // namespace appstore

@@ -137,6 +137,7 @@ TEST(StoreConfiguration, RefusesBrokenFilesNamingThePlace) {
        R"("type":"RecurringSubscription","recurringSubscriptionPeriod":"P1X"}]}]})",
        "bad.storekit: subscriptionGroups[0].subscriptions[0].recurringSubscriptionPeriod: not a "
        "subscription period"},
+      {R"({"settings":{"_timeRate":7}})", "bad.storekit: settings._timeRate: unknown time rate 7 ("},
       // Period values stop at 999 units, so that date arithmetic on them cannot overflow.
       {R"({"subscriptionGroups":[{"id":"G","subscriptions":[{"productID":"s","displayPrice":"1",)"
        R"("type":"RecurringSubscription","recurringSubscriptionPeriod":"P1000Y"}]}]})",

@@ -53,4 +53,23 @@ TEST(StoreControls, BuyProductTakesAPromotionalOfferFromOutsideTheApp) {
   }
 }
 
+TEST(StoreControls, TimeRateTakesOnlyTheRatesTheStoreRunsAt) {
+  std::vector<std::string> input;
+  const std::vector<std::string> rates = {"1005", "7", "15", "1006", "3", "-1"};
+  for (const auto& rate : rates) {
+    input.push_back(R"({"id":")" + rate + R"(","store":"timeRate","value":)" + rate + "}");
+  }
+  input.push_back(R"({"id":"now","store":"timeRate"})");
+  const auto run = runDriver(input);
+  ASSERT_EQ(run.lines.size(), rates.size() + 1) << run.errors;
+  for (std::size_t i = 0; i < rates.size(); ++i) {
+    const bool known = rates[i] != "7" && rates[i] != "1006" && rates[i] != "-1";
+    const auto expected = known ? R"({"id":")" + rates[i] + R"(","ok":true,"value":)" + rates[i] + "}"
+                                : R"({"id":")" + rates[i] + R"(","error":"unknown time rate )" + rates[i] + " (";
+    EXPECT_EQ(run.lines[i].rfind(expected, 0), 0u) << run.lines[i];
+  }
+  // A refused value changes nothing.
+  EXPECT_EQ(run.lines.back(), R"({"id":"now","ok":true,"value":3})");
+}
+
 }  // namespace

@@ -164,11 +164,22 @@ const std::map<std::string, Control, std::less<>>& controls() {
                 R"({"id":1,"store":"failTransactionsEnabled","value":true})",
                 [](LocalStore& s) { return s.failTransactionsEnabled(); },
                 [](LocalStore& s, bool v) { s.setFailTransactionsEnabled(v); }, readBool));
+    add(setting("shouldEnterBillingRetryOnRenewal", "boolean",
+                "renewals fail for a billing issue: the subscription enters billing retry",
+                R"({"id":1,"store":"shouldEnterBillingRetryOnRenewal","value":true})",
+                [](LocalStore& s) { return s.shouldEnterBillingRetryOnRenewal(); },
+                [](LocalStore& s, bool v) { s.setShouldEnterBillingRetryOnRenewal(v); }, readBool));
+    add(setting("billingGracePeriodIsEnabled", "boolean",
+                "a failed renewal starts with a billing grace period, entitled throughout",
+                R"({"id":1,"store":"billingGracePeriodIsEnabled","value":true})",
+                [](LocalStore& s) { return s.billingGracePeriodIsEnabled(); },
+                [](LocalStore& s, bool v) { s.setBillingGracePeriodIsEnabled(v); }, readBool));
     add(setting("timeRate", "integer (SKTestSession.TimeRate raw value)",
-                "how fast subscriptions renew (0 real time, 1005 one renewal every 2 s)",
+                "how fast subscriptions renew (0 real time, 1005 one renewal every 2 s); "
+                "unknown rates are refused",
                 R"({"id":1,"store":"timeRate","value":1005})",
                 [](LocalStore& s) { return s.timeRate(); },
-                [](LocalStore& s, std::int64_t v) { s.setTimeRate(static_cast<int>(v)); },
+                [](LocalStore& s, std::int64_t v) { s.setTimeRate(v); },
                 [](const Arguments& a) { return a.integer("value"); }));
     add(setting("storefront", "string (ISO 3166-1 alpha-3)", "the account's storefront",
                 R"({"id":1,"store":"storefront","value":"FRA"})",
