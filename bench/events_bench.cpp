@@ -15,7 +15,6 @@
 #include "adapter/apple_store_kit_service_native_adapter_default.h"
 #include "host/tesk_bridge_dispatcher.h"
 #include "observer/transaction_observer.h"
-#include "storekit/jws.h"
 #include "appstore/local_store.h"
 #include "storekit/jws.h"
 
@@ -78,7 +77,7 @@ bool waitForEvents(std::size_t count, std::chrono::seconds patience) {
 void Events_BuyProduct(benchmark::State& state) {
   for (auto _ : state) {
     const std::size_t target = gPushed.size() + kBatch;
-    for (std::size_t i = 0; i < kBatch; ++i) gPushed.push_back(gStore->buyProduct(kCoins).id());
+    for (std::size_t i = 0; i < kBatch; ++i) gPushed.push_back(gStore->buyProduct(kCoins).id);
     if (!waitForEvents(target, 60s)) {
       state.SkipWithError("events stopped arriving");
       break;
