@@ -124,15 +124,25 @@ constexpr const char* kDatesOutOfRange = R"sql(
          + (SELECT count(*) FROM named_values WHERE key = 'clock.offsetMs'
             AND CAST(value AS INTEGER) NOT BETWEEN -253402300799999 AND 253402300799999))sql";
 
+// The tables the store reads as it opens. The signed texts, nearly all of a file's bytes, are
+// read only when asked for; checking their pages at open would read the whole file.
+constexpr const char* kTablesCheckedAtOpen[] = {"sqlite_schema", "transactions",
+                                                 "subscription_groups", "named_values"};
+constexpr const char* kTextsCheck = "PRAGMA quick_check(transaction_texts)";
+
 // Decides, reading only, whether a non-empty file is a ledger this build can open: SQLite is
-// not allowed to write to a file before it is known to be ours.
-void checkExistingFile(const std::string& path, const std::string& label, int fd) {
-  std::array<char, kSQLiteHeader.size()> header{};
+// not allowed to write to a file before it is known to be ours. A ledger of this version that
+// is already in WAL has its texts table left to check before the first change is written
+// (SQLiteLedger::Changes); true when that is so. Any other file is checked whole.
+bool checkExistingFile(const std::string& path, const std::string& label, int fd) {
+  // The header's first 16 bytes, then its file format read and write versions (2: WAL).
+  std::array<char, kSQLiteHeader.size() + 4> header{};
   const auto got = ::pread(fd, header.data(), header.size(), 0);
   if (got != static_cast<ssize_t>(header.size()) ||
-      std::string_view(header.data(), header.size()) != kSQLiteHeader) {
+      std::string_view(header.data(), kSQLiteHeader.size()) != kSQLiteHeader) {
     throw LedgerError(label + ": not a SQLite database");
   }
+  const bool inWAL = header[18] == 2 && header[19] == 2;
   try {
     SQLite::Database database(path, SQLite::OPEN_READONLY);
     const int applicationId = database.execAndGet("PRAGMA application_id").getInt();
@@ -150,11 +160,22 @@ void checkExistingFile(const std::string& path, const std::string& label, int fd
                         " is newer than this build's (" + std::to_string(Ledger::kSchemaVersion) +
                         ")");
     }
-    const std::string verdict = database.execAndGet("PRAGMA quick_check(1)").getString();
-    if (verdict != "ok") throw LedgerError(label + ": damaged (" + oneLine(verdict) + ")");
+    const bool textsLater = inWAL && version == Ledger::kSchemaVersion;
+    std::vector<std::string> checks{"PRAGMA quick_check(1)"};
+    if (textsLater) {
+      checks.clear();
+      for (const char* table : kTablesCheckedAtOpen) {
+        checks.push_back(std::string("PRAGMA quick_check(") + table + ")");
+      }
+    }
+    for (const auto& check : checks) {
+      const std::string verdict = database.execAndGet(check).getString();
+      if (verdict != "ok") throw LedgerError(label + ": damaged (" + oneLine(verdict) + ")");
+    }
     if (version == Ledger::kSchemaVersion && database.execAndGet(kDatesOutOfRange).getInt() != 0) {
       throw LedgerError(label + ": damaged (a date outside the years 1970 to 9999)");
     }
+    return textsLater;
   } catch (const SQLite::Exception& error) {
     throw openFailure(label, error);
   }
@@ -287,13 +308,14 @@ SQLite::Statement& fresh(SQLite::Statement& statement) {
 class SQLiteLedger final : public Ledger {
  public:
   SQLiteLedger(std::string path, std::string label, std::unique_ptr<SQLite::Database> database,
-               int lockFd, FileKey file)
+               int lockFd, FileKey file, bool textsUnchecked)
       : path_(std::move(path)),
         label_(std::move(label)),
         lockFd_(lockFd),
         file_(file),
         database_(std::move(database)),
-        statements_(std::make_unique<Statements>(*database_)) {}
+        statements_(std::make_unique<Statements>(*database_)),
+        textsUnchecked_(textsUnchecked) {}
 
   // SQLite's connection is closed, and has checkpointed the WAL, before the file is given up
   // to the next owner; the statements go first because a connection with live statements
@@ -397,11 +419,13 @@ class SQLiteLedger final : public Ledger {
     try {
       return query();
     } catch (const SQLite::Exception& error) {
+      if (isDamage(error)) throw LedgerError(label_ + ": damaged (" + error.what() + ")");
       throw LedgerError(label_ + ": cannot read: " + error.what());
     }
   }
 
   LedgerError commitFailure(const SQLite::Exception& error) const {
+    if (isDamage(error)) return LedgerError(label_ + ": damaged (" + error.what() + ")");
     return LedgerError(label_ + ": cannot commit: " + error.what());
   }
 
@@ -412,6 +436,7 @@ class SQLiteLedger final : public Ledger {
   std::unique_ptr<SQLite::Database> database_;
   std::unique_ptr<Statements> statements_;
   bool inWAL_ = false;
+  bool textsUnchecked_;  // see checkExistingFile
 };
 
 class SQLiteLedger::Changes final : public LedgerWrite {
@@ -513,6 +538,16 @@ class SQLiteLedger::Changes final : public LedgerWrite {
   void apply(Change change) {
     if (failure_) throw *failure_;
     try {
+      // A file's first change waits until its texts are known to be sound: a damaged file is
+      // refused, and keeps every byte it had.
+      if (ledger_.textsUnchecked_) {
+        const std::string verdict = ledger_.database_->execAndGet(kTextsCheck).getString();
+        if (verdict != "ok") {
+          failure_.emplace(ledger_.label_ + ": damaged (" + oneLine(verdict) + ")");
+          throw *failure_;
+        }
+        ledger_.textsUnchecked_ = false;
+      }
       change();
     } catch (const SQLite::Exception& error) {
       failure_.emplace(ledger_.commitFailure(error));
@@ -551,7 +586,7 @@ std::unique_ptr<Ledger> openInMemory() {
         ":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     configure(*database);
     migrate(*database);
-    return std::make_unique<SQLiteLedger>("", label, std::move(database), -1, FileKey{});
+    return std::make_unique<SQLiteLedger>("", label, std::move(database), -1, FileKey{}, false);
   } catch (const SQLite::Exception& error) {
     throw LedgerError(label + ": cannot create: " + error.what());
   }
@@ -585,7 +620,7 @@ std::unique_ptr<Ledger> Ledger::open(const std::string& path) {
   const FileKey file{info.st_dev, info.st_ino};
   try {
     heldFiles().insert(file);
-    if (!creating) checkExistingFile(path, label, fd);
+    const bool textsUnchecked = !creating && checkExistingFile(path, label, fd);
     try {
       auto database = std::make_unique<SQLite::Database>(path, SQLite::OPEN_READWRITE);
       configure(*database);
@@ -595,7 +630,8 @@ std::unique_ptr<Ledger> Ledger::open(const std::string& path) {
       if (creating) database->exec("PRAGMA journal_mode = WAL");
       migrate(*database);
       // The last step: from here on the ledger owns the descriptor.
-      return std::make_unique<SQLiteLedger>(path, label, std::move(database), fd, file);
+      return std::make_unique<SQLiteLedger>(path, label, std::move(database), fd, file,
+                                            textsUnchecked);
     } catch (const SQLite::Exception& error) {
       if (creating) throw LedgerError(label + ": cannot create: " + error.what());
       throw openFailure(label, error);

@@ -6,7 +6,8 @@
 // Without a path the database is in memory; with one it lives in that file, in WAL mode,
 // owned by this Ledger alone (a second Ledger on the same file, in this process or another,
 // is refused). A file that is not a ledger this build can read is refused and left exactly as
-// it was.
+// it was. Opening reads the typed tables, not the signed texts: damage among those is found
+// when a damaged text is read, or before the file's first change is written, which it refuses.
 //
 // Every change goes through write(): one SQLite transaction, committed before write()
 // returns, or rolled back as a whole when anything in it fails. Not thread-safe: the store
