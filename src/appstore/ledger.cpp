@@ -13,6 +13,8 @@
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
 
+#include "appstore/wal_checkpointer.h"
+
 #include <array>
 #include <cerrno>
 #include <compare>
@@ -87,8 +89,13 @@ void migrate(SQLite::Database& database) {
 // Committed changes survive a killed process once they are in the WAL; giving up the fsync
 // on every commit only risks the last ones on a power cut, which a test store can afford.
 // WAL itself is switched on by the first write (see SQLiteLedger::write): a file in another
-// journal mode that its reader then refuses must keep every byte it had.
-void configure(SQLite::Database& database) { database.exec("PRAGMA synchronous = NORMAL"); }
+// journal mode that its reader then refuses must keep every byte it had. The checkpoints,
+// which do sync, run beside the commits (WalCheckpointer), whose connection briefly holds
+// SQLite's locks as it reads the log's index: a commit that meets one waits for it.
+void configure(SQLite::Database& database) {
+  database.exec("PRAGMA synchronous = NORMAL");
+  database.setBusyTimeout(5000);
+}
 
 bool isDamage(const SQLite::Exception& error) {
   const int code = error.getErrorCode() & 0xff;
@@ -321,6 +328,7 @@ class SQLiteLedger final : public Ledger {
   // to the next owner; the statements go first because a connection with live statements
   // does not close.
   ~SQLiteLedger() override {
+    checkpointer_.reset();
     statements_.reset();
     database_.reset();
     if (lockFd_ >= 0) {
@@ -437,6 +445,7 @@ class SQLiteLedger final : public Ledger {
   std::unique_ptr<Statements> statements_;
   bool inWAL_ = false;
   bool textsUnchecked_;  // see checkExistingFile
+  std::unique_ptr<WalCheckpointer> checkpointer_;  // state files, once in WAL
 };
 
 class SQLiteLedger::Changes final : public LedgerWrite {
@@ -565,6 +574,13 @@ void SQLiteLedger::write(const std::function<void(LedgerWrite&)>& changes) {
     if (!inWAL_) {
       database_->exec("PRAGMA journal_mode = WAL");
       inWAL_ = true;
+      try {
+        if (!path_.empty()) {
+          checkpointer_ = std::make_unique<WalCheckpointer>(path_, database_->getHandle());
+        }
+      } catch (const SQLite::Exception&) {
+        // Then SQLite checkpoints inside the commits, as it does by default.
+      }
     }
     SQLite::Transaction transaction(*database_, SQLite::TransactionBehavior::IMMEDIATE);
     Changes writes(*this);

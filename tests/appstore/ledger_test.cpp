@@ -2,6 +2,7 @@
 // refuses (leaving their bytes as they were), one owner per file across processes, and writes
 // that fail leaving nothing of themselves.
 #include "appstore/ledger.h"
+#include "appstore/wal_checkpointer.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 
 #include <SQLiteCpp/Database.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -386,6 +388,34 @@ TEST_F(LedgerTest, AFailedWriteLeavesNothingAndTheLedgerGoesOn) {
   EXPECT_EQ(ids(ledger->transactions(Selection::unfinished)), Ids{2});
   EXPECT_FALSE(ledger->transaction(50).has_value());
   EXPECT_EQ(ledger->value("k"), std::nullopt);
+}
+
+// Checkpoints run beside the commits (WalCheckpointer). However fast the commits come, the
+// log is copied back and started afresh near its bound (past it by at most what commits while
+// one checkpoint runs), and every commit stays.
+TEST_F(LedgerTest, TheLogStaysBoundedUnderCommitsWithoutPause) {
+  const auto path = dir_ / "busy.db";
+  const std::string log = path.string() + "-wal";
+  auto ledger = Ledger::open(path.string());
+  constexpr int kCommits = 5000;  // ten pages each: three times the bound
+  std::uintmax_t largestLog = 0;
+  for (int i = 1; i <= kCommits; ++i) {
+    auto t = entry(static_cast<std::uint64_t>(i), "Consumable", EntryState::purchased, false);
+    t.signedForm.assign(40'000, static_cast<char>('a' + i % 26));
+    ledger->write([&](LedgerWrite& changes) { changes.putTransaction(t); });
+    std::error_code missing;
+    const auto size = fs::file_size(log, missing);
+    if (!missing) largestLog = std::max(largestLog, size);
+  }
+  // A frame is a page and its 24-byte header; the log has a 32-byte header.
+  constexpr std::uintmax_t kFrame = 4096 + 24;
+  EXPECT_GT(largestLog, 0u);
+  EXPECT_LE(largestLog, 2 * WalCheckpointer::kMaxPages * kFrame + 32);
+  ledger.reset();
+  ledger = Ledger::open(path.string());
+  EXPECT_EQ(ledger->transactionCount(), static_cast<std::size_t>(kCommits));
+  EXPECT_EQ(ledger->signedForm(kCommits),
+            std::string(40'000, static_cast<char>('a' + kCommits % 26)));
 }
 
 }  // namespace
