@@ -29,6 +29,9 @@ constexpr Bar kBars[] = {
     {"p2_overhead_us", Bar::atMost, 2},   {"p2_calls_per_s", Bar::atLeast, 500'000},
     {"p3_ratio", Bar::atMost, 1.5},       {"p4_events_per_s", Bar::atLeast, 200'000},
     {"p4_lost", Bar::atMost, 0},          {"p5_peak_over_output", Bar::atMost, 2.5},
+    {"p6_durable_purchase_ratio", Bar::atLeast, 0.8},
+    {"p7_relaunch_ratio", Bar::atMost, 3},
+    {"p7_relaunch_rss_mb", Bar::atMost, 100},
 };
 
 std::string number(double value) {
@@ -68,7 +71,7 @@ int main(int argc, char** argv) {
   }
 
   json::object summary;
-  std::printf("%-22s %14s  %-9s %-12s %s\n", "figure", "value", "unit", "bar", "");
+  std::printf("%-26s %14s  %-9s %-12s %s\n", "figure", "value", "unit", "bar", "");
   for (const Bar& bar : kBars) {
     const json::value* entry = figures.if_contains(bar.figure);
     std::optional<double> value;
@@ -104,7 +107,7 @@ int main(int argc, char** argv) {
     } else if (bar.kind == Bar::atMost) {
       verdict = *value <= bar.limit ? "met" : "MISSED";
     }
-    std::printf("%-22s %14s  %-9s %-12s %s\n", bar.figure, value ? number(*value).c_str() : "-",
+    std::printf("%-26s %14s  %-9s %-12s %s\n", bar.figure, value ? number(*value).c_str() : "-",
                 unit.c_str(), barText(bar).c_str(), verdict.c_str());
   }
   const auto path = out / "summary.json";
