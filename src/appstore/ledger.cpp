@@ -74,6 +74,19 @@ void upgradeSchema(SQLite::Database& database, int from) {
       )sql");
       database.exec("PRAGMA application_id = " + std::to_string(kApplicationId));
       break;
+    case 1:
+      // Renewal states. A subscription of an older file starts as subscribed; the store's
+      // lifecycle settles it (expired, revoked) as it opens.
+      database.exec(R"sql(
+        ALTER TABLE subscription_groups ADD COLUMN status INTEGER NOT NULL DEFAULT 1;
+        ALTER TABLE subscription_groups ADD COLUMN expiration_intent INTEGER;
+        ALTER TABLE subscription_groups ADD COLUMN billing_issue_since INTEGER;
+        ALTER TABLE subscription_groups ADD COLUMN grace_period_expires INTEGER;
+        ALTER TABLE subscription_groups ADD COLUMN price_increase_status INTEGER;
+        ALTER TABLE subscription_groups ADD COLUMN renewal_price TEXT NOT NULL DEFAULT '';
+        ALTER TABLE subscription_groups ADD COLUMN signed_renewal_info TEXT NOT NULL DEFAULT '';
+      )sql");
+      break;
   }
 }
 
@@ -130,6 +143,11 @@ constexpr const char* kDatesOutOfRange = R"sql(
             WHERE original_purchase_date NOT BETWEEN 0 AND 253402300799999)
          + (SELECT count(*) FROM named_values WHERE key = 'clock.offsetMs'
             AND CAST(value AS INTEGER) NOT BETWEEN -253402300799999 AND 253402300799999))sql";
+// The same for the dates a file of schema version 2 or later adds.
+constexpr const char* kRenewalDatesOutOfRange = R"sql(
+    SELECT count(*) FROM subscription_groups
+    WHERE ifnull(billing_issue_since, 0) NOT BETWEEN 0 AND 253402300799999
+       OR ifnull(grace_period_expires, 0) NOT BETWEEN 0 AND 253402300799999)sql";
 
 // The tables the store reads as it opens. The signed texts, nearly all of a file's bytes, are
 // read only when asked for; checking their pages at open would read the whole file.
@@ -179,7 +197,8 @@ bool checkExistingFile(const std::string& path, const std::string& label, int fd
       const std::string verdict = database.execAndGet(check).getString();
       if (verdict != "ok") throw LedgerError(label + ": damaged (" + oneLine(verdict) + ")");
     }
-    if (version == Ledger::kSchemaVersion && database.execAndGet(kDatesOutOfRange).getInt() != 0) {
+    if ((version >= 1 && database.execAndGet(kDatesOutOfRange).getInt() != 0) ||
+        (version >= 2 && database.execAndGet(kRenewalDatesOutOfRange).getInt() != 0)) {
       throw LedgerError(label + ": damaged (a date outside the years 1970 to 9999)");
     }
     return textsLater;
@@ -210,7 +229,8 @@ constexpr const char* kTypedColumns =
     "t.expires_date, t.revocation_date, t.upgraded, t.finished";
 constexpr const char* kGroupColumns =
     "group_id, original_id, original_purchase_date, latest_id, auto_renew, pending_product_id, "
-    "offer_periods_left, continuing_offer";
+    "offer_periods_left, continuing_offer, status, expiration_intent, billing_issue_since, "
+    "grace_period_expires, price_increase_status, renewal_price, signed_renewal_info";
 
 // Ids are App Store transaction numbers, far below 2^63; they are stored as SQLite integers.
 void bindId(SQLite::Statement& statement, int index, std::uint64_t id) {
@@ -220,6 +240,14 @@ void bindId(SQLite::Statement& statement, int index, std::uint64_t id) {
 void bindDate(SQLite::Statement& statement, int index, std::optional<platform::Date> date) {
   if (date) {
     statement.bind(index, platform::millisecondsSince1970(*date));
+  } else {
+    statement.bind(index);
+  }
+}
+
+void bindOptional(SQLite::Statement& statement, int index, std::optional<int> value) {
+  if (value) {
+    statement.bind(index, *value);
   } else {
     statement.bind(index);
   }
@@ -262,7 +290,9 @@ struct Statements {
         removeTransaction(database, "DELETE FROM transactions WHERE id = ?1"),
         removeTexts(database, "DELETE FROM transaction_texts WHERE id = ?1"),
         putGroup(database, std::string("INSERT OR REPLACE INTO subscription_groups (") +
-                               kGroupColumns + ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"),
+                               kGroupColumns +
+                               ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, "
+                               "?14, ?15)"),
         removeGroup(database, "DELETE FROM subscription_groups WHERE group_id = ?1"),
         putValue(database, "INSERT OR REPLACE INTO named_values (key, value) VALUES (?1, ?2)"),
         transaction(database, std::string("SELECT ") + kTypedColumns +
@@ -400,6 +430,13 @@ class SQLiteLedger final : public Ledger {
         if (!query.getColumn(5).isNull()) group.pendingProductID = query.getColumn(5).getString();
         group.offerPeriodsLeft = query.getColumn(6).getInt64();
         group.continuingOffer = query.getColumn(7).getString();
+        group.status = static_cast<RenewalStatus>(query.getColumn(8).getInt());
+        if (!query.getColumn(9).isNull()) group.expirationIntent = query.getColumn(9).getInt();
+        group.billingIssueSince = optionalDate(query.getColumn(10));
+        group.gracePeriodExpires = optionalDate(query.getColumn(11));
+        if (!query.getColumn(12).isNull()) group.priceIncreaseStatus = query.getColumn(12).getInt();
+        group.renewalPrice = query.getColumn(13).getString();
+        group.signedRenewalInfo = query.getColumn(14).getString();
         found.push_back(std::move(group));
       }
       return found;
@@ -516,6 +553,13 @@ class SQLiteLedger::Changes final : public LedgerWrite {
       }
       row.bind(7, group.offerPeriodsLeft);
       row.bind(8, group.continuingOffer);
+      row.bind(9, static_cast<int>(group.status));
+      bindOptional(row, 10, group.expirationIntent);
+      bindDate(row, 11, group.billingIssueSince);
+      bindDate(row, 12, group.gracePeriodExpires);
+      bindOptional(row, 13, group.priceIncreaseStatus);
+      row.bind(14, group.renewalPrice);
+      row.bind(15, group.signedRenewalInfo);
       row.exec();
     });
   }

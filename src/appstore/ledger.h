@@ -23,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "appstore/renewal_status.h"
 #include "platform/date.h"
 
 namespace appstore {
@@ -67,6 +68,15 @@ struct LedgerGroup {
   std::optional<std::string> pendingProductID;  // a downgrade waiting for the next renewal
   std::int64_t offerPeriodsLeft = 0;
   std::string continuingOffer;  // JSON text of the offer later renewals keep; empty for none
+  RenewalStatus status = RenewalStatus::subscribed;
+  // Why it expired, or will at the end of its period: 1 cancelled, 2 billing error, 3 a price
+  // increase not consented to, 4 product no longer for sale.
+  std::optional<int> expirationIntent;
+  std::optional<platform::Date> billingIssueSince;   // when the renewal that failed was due
+  std::optional<platform::Date> gracePeriodExpires;  // while in the grace period
+  std::optional<int> priceIncreaseStatus;            // 0 asked and unanswered, 1 consented
+  std::string renewalPrice;  // the next renewal's price (decimal text) when it is not the product's
+  std::string signedRenewalInfo;  // the compact JWS of the renewal info, current after every change
 };
 
 // Which transactions a list query answers, in id order.
@@ -94,7 +104,7 @@ class LedgerWrite {
 
 class Ledger {
  public:
-  static constexpr int kSchemaVersion = 1;
+  static constexpr int kSchemaVersion = 2;
 
   // In memory when `path` is empty; otherwise the file, created when missing (or empty).
   // Throws LedgerError, naming the file: not a SQLite database, a SQLite database of

@@ -233,13 +233,32 @@ std::vector<std::uint64_t> LocalStore::transactionIDs(Listing listing) {
     }
     const auto key = row.productType + "\n" + (row.groupID.empty() ? row.productID : row.groupID);
     if (latest[key] != &row) continue;
-    if (row.productType == "Auto-Renewable Subscription" &&
-        (row.upgraded || !row.expiresDate || *row.expiresDate <= now)) {
-      continue;
+    if (row.productType == "Auto-Renewable Subscription") {
+      // Entitled while subscribed and within its period, and throughout the grace period;
+      // not in billing retry.
+      const auto group = state.groups.find(row.groupID);
+      const auto status = group == state.groups.end() ? RenewalStatus::subscribed : group->second.status;
+      const bool inPeriod = !row.upgraded && row.expiresDate && *row.expiresDate > now;
+      if (status == RenewalStatus::gracePeriod ? row.upgraded
+                                               : status != RenewalStatus::subscribed || !inPeriod) {
+        continue;
+      }
     }
     ids.push_back(row.id);
   }
   return ids;
+}
+
+std::vector<SubscriptionStatus> LocalStore::subscriptionStatuses(const std::string& groupID) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  state.throwIfSimulated(StoreKitAPI::subscriptionStatus);
+  const auto group = state.groups.find(groupID);
+  if (group == state.groups.end()) return {};
+  const auto& held = group->second;
+  auto jws = state.ledger->signedForm(held.latestID);
+  if (!jws) return {};
+  return {{held.status, {held.latestID, std::move(*jws)}, held.signedRenewalInfo}};
 }
 
 std::optional<std::string> LocalStore::signedForm(std::uint64_t transactionID) {

@@ -26,6 +26,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "appstore/renewal_status.h"
 #include "appstore/signing_authority.h"
 #include "appstore/store_configuration.h"
 #include "appstore/store_failure.h"
@@ -39,6 +40,14 @@ namespace appstore {
 struct SignedTransaction {
   std::uint64_t id = 0;
   std::string jws;
+};
+
+// A subscription as its group's status reports it: where it stands, its latest transaction
+// and the renewal info the store signed for it.
+struct SubscriptionStatus {
+  RenewalStatus status = RenewalStatus::subscribed;
+  SignedTransaction transaction;
+  std::string signedRenewalInfo;
 };
 
 // What a device asks to buy, with the options of its purchase call.
@@ -140,6 +149,8 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // Registers `listener` for every later change. With `replayUnfinished`, it first hears of
   // every unfinished transaction, in the same step, so that nothing is missed or told twice.
   void addTransactionListener(TransactionListener listener, bool replayUnfinished);
+  // The subscriptions of a group the account holds (none, or one), as they stand now.
+  std::vector<SubscriptionStatus> subscriptionStatuses(const std::string& groupID);
   // The failure a session forces on verifying this transaction, if any.
   std::optional<StoreFailure> verificationFailure(std::uint64_t transactionID);
   platform::UUID deviceIdentifier() const;

@@ -238,7 +238,15 @@ void LocalStore::declineAskToBuyTransaction(std::uint64_t identifier) {
 
 void LocalStore::resolveIssueForTransaction(std::uint64_t identifier) {
   std::lock_guard lock(mutex_);
-  completeWaiting(*state_, identifier, EntryState::interrupted, "interrupted purchase");
+  auto& state = *state_;
+  // A subscription's billing issue, or else an interrupted purchase.
+  std::optional<SignedTransaction> recovered;
+  state.commit([&](LedgerWrite& write) { recovered = state.recoverBillingIssue(write, identifier); });
+  if (recovered) {
+    state.broadcast({*recovered});
+  } else {
+    completeWaiting(state, identifier, EntryState::interrupted, "interrupted purchase or billing issue");
+  }
   wakeRenewals();
 }
 
@@ -256,6 +264,7 @@ void LocalStore::refundTransaction(std::uint64_t identifier, std::int64_t reason
     if (auto* group = state.groupOf(draft->row); group && group->latestID == identifier) {
       auto changed = *group;
       changed.autoRenew = false;
+      changed.status = RenewalStatus::revoked;
       state.putGroup(write, changed);
     }
   });

@@ -17,15 +17,6 @@ using Kind = ConfiguredProduct::Kind;
 namespace {
 
 constexpr std::int64_t kMaxQuantity = 10;
-// Renewals caught up in one go; a store left alone for ages at a fast time rate would
-// otherwise produce an unbounded history.
-constexpr int kMaxRenewalsPerCatchUp = 1000;
-
-std::string lowercase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
 
 const char* typeName(Kind kind) {
   switch (kind) {
@@ -35,15 +26,6 @@ const char* typeName(Kind kind) {
     case Kind::autoRenewable: return "Auto-Renewable Subscription";
   }
   return "Consumable";
-}
-
-const char* paymentModeName(ConfiguredOffer::Mode mode) {
-  switch (mode) {
-    case ConfiguredOffer::Mode::freeTrial: return "FREE_TRIAL";
-    case ConfiguredOffer::Mode::payAsYouGo: return "PAY_AS_YOU_GO";
-    case ConfiguredOffer::Mode::payUpFront: return "PAY_UP_FRONT";
-  }
-  return "FREE_TRIAL";
 }
 
 std::optional<platform::Date> dateIn(const json::object& payload, std::string_view key) {
@@ -77,6 +59,39 @@ json::object offerToJSON(const AppliedOffer& offer) {
   return out;
 }
 
+std::string serialized(const std::optional<AppliedOffer>& offer) {
+  return offer ? json::serialize(offerToJSON(*offer)) : std::string();
+}
+
+}  // namespace
+
+std::string lowercase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+const char* paymentModeName(ConfiguredOffer::Mode mode) {
+  switch (mode) {
+    case ConfiguredOffer::Mode::freeTrial: return "FREE_TRIAL";
+    case ConfiguredOffer::Mode::payAsYouGo: return "PAY_AS_YOU_GO";
+    case ConfiguredOffer::Mode::payUpFront: return "PAY_UP_FRONT";
+  }
+  return "FREE_TRIAL";
+}
+
+void clearRenewalIssues(LedgerGroup& group) {
+  group.status = RenewalStatus::subscribed;
+  group.expirationIntent.reset();
+  group.billingIssueSince.reset();
+  group.gracePeriodExpires.reset();
+}
+
+std::optional<std::int64_t> milliunits(const platform::Decimal& price) {
+  const auto thousandths = price.scaledByPowerOfTen(3);
+  return thousandths ? thousandths->toInt64() : std::nullopt;
+}
+
 // An offer this build cannot read back (a damaged file) is taken as no offer.
 std::optional<AppliedOffer> offerFromJSON(const json::value& value) try {
   if (!value.is_object()) return std::nullopt;
@@ -97,12 +112,6 @@ std::optional<AppliedOffer> offerFromJSON(const json::value& value) try {
 } catch (const std::exception&) {
   return std::nullopt;
 }
-
-std::string serialized(const std::optional<AppliedOffer>& offer) {
-  return offer ? json::serialize(offerToJSON(*offer)) : std::string();
-}
-
-}  // namespace
 
 LocalStore::State::State(std::unique_ptr<Ledger> ledgerToUse,
                          std::shared_ptr<const SigningAuthority> preferred)
@@ -171,9 +180,10 @@ void LocalStore::State::putCounters(LedgerWrite& write) {
   write.putValue("ids.nextWebOrderLineItem", std::to_string(nextWebOrderLineItemID));
 }
 
-void LocalStore::State::putGroup(LedgerWrite& write, const LedgerGroup& group) {
-  groups.insert_or_assign(group.groupID, group);
+void LocalStore::State::putGroup(LedgerWrite& write, LedgerGroup group) {
+  group.signedRenewalInfo = signedRenewalInfo(group);
   write.putGroup(group);
+  groups.insert_or_assign(group.groupID, std::move(group));
 }
 
 Storefront LocalStore::State::storefront() const {
@@ -265,12 +275,6 @@ CheckedRequest LocalStore::State::waitingRequest(const LedgerTransaction& row) c
   return request;
 }
 
-bool LocalStore::State::isActive(const LedgerGroup& group) {
-  const auto latest = ledger->transaction(group.latestID);
-  if (!latest || latest->revocationDate || latest->upgraded) return false;
-  return latest->expiresDate && *latest->expiresDate > now();
-}
-
 Draft LocalStore::State::newTransaction(const ConfiguredProduct& product, const CheckedRequest& request,
                                         const std::string& reason, platform::Date purchaseDate,
                                         const std::optional<AppliedOffer>& offer,
@@ -320,8 +324,7 @@ Draft LocalStore::State::newTransaction(const ConfiguredProduct& product, const 
   p["storefrontId"] = front.id;
   const auto unitPrice = offer ? offer->terms.price : product.price;
   const auto total = unitPrice.multipliedBy(request.quantity);
-  const auto thousandths = total ? total->scaledByPowerOfTen(3) : std::nullopt;
-  if (const auto value = thousandths ? thousandths->toInt64() : std::nullopt) p["price"] = *value;
+  if (const auto value = total ? milliunits(*total) : std::nullopt) p["price"] = *value;
   p["currency"] = front.currency;
   p["appTransactionId"] = appTransactionID;
   const auto nonce = platform::UUID::random();
@@ -395,6 +398,7 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
     group->pendingProductID.reset();
     group->offerPeriodsLeft = 0;
     group->continuingOffer.clear();
+    clearRenewalIssues(*group);
     putGroup(write, *group);
     putCounters(write);
     created = true;
@@ -420,6 +424,7 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
   group->latestID = draft.row.id;
   group->autoRenew = true;
   group->pendingProductID.reset();
+  clearRenewalIssues(*group);
   group->offerPeriodsLeft = offer && offer->terms.paymentMode == ConfiguredOffer::Mode::payAsYouGo
                                 ? offer->terms.numberOfPeriods - 1
                                 : 0;
@@ -429,71 +434,6 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
   created = true;
   wake = true;
   return signedTransaction;
-}
-
-std::optional<SignedTransaction> LocalStore::State::renew(LedgerWrite& write, LedgerGroup& group,
-                                                          platform::Date purchaseDate) {
-  const auto latest = ledger->transaction(group.latestID);
-  if (!latest) return std::nullopt;
-  const auto* product = configuration.product(group.pendingProductID.value_or(latest->productID));
-  if (!product || product->kind != Kind::autoRenewable) {
-    group.autoRenew = false;
-    putGroup(write, group);
-    return std::nullopt;
-  }
-  CheckedRequest request;
-  request.productID = product->productID;
-  json::error_code ec;
-  const auto payload = json::parse(latest->payload, ec);
-  if (const auto* token = ec || !payload.is_object() ? nullptr : payload.get_object().if_contains("appAccountToken");
-      token && token->is_string()) {
-    request.appAccountToken = platform::UUID::fromString(token->get_string());
-  }
-  std::optional<AppliedOffer> offer;
-  if (group.offerPeriodsLeft > 0 && !group.continuingOffer.empty()) {
-    offer = offerFromJSON(json::parse(group.continuingOffer, ec));
-    if (ec || (offer && offer->terms.paymentMode != ConfiguredOffer::Mode::payAsYouGo)) offer.reset();
-    if (offer) {
-      // A renewal bills one discounted period at a time.
-      offer->terms.numberOfPeriods = 1;
-      --group.offerPeriodsLeft;
-    }
-  }
-  auto draft = newTransaction(*product, request, "RENEWAL", purchaseDate, offer, &group, std::nullopt);
-  const auto signedTransaction = sign(write, draft);
-  group.latestID = draft.row.id;
-  group.pendingProductID.reset();
-  putGroup(write, group);
-  putCounters(write);
-  return signedTransaction;
-}
-
-std::vector<SignedTransaction> LocalStore::State::renewDue(LedgerWrite& write) {
-  std::vector<SignedTransaction> renewed;
-  const auto current = now();
-  for (auto& [id, cached] : groups) {
-    auto group = cached;
-    for (int i = 0; i < kMaxRenewalsPerCatchUp && group.autoRenew; ++i) {
-      const auto latest = ledger->transaction(group.latestID);
-      if (!latest || latest->revocationDate || latest->upgraded) break;
-      if (!latest->expiresDate || *latest->expiresDate > current) break;
-      auto renewal = renew(write, group, *latest->expiresDate);
-      if (!renewal) break;
-      renewed.push_back(std::move(*renewal));
-    }
-  }
-  return renewed;
-}
-
-std::optional<platform::Date> LocalStore::State::nextRenewal() {
-  std::optional<platform::Date> next;
-  for (const auto& [id, group] : groups) {
-    if (!group.autoRenew) continue;
-    const auto latest = ledger->transaction(group.latestID);
-    if (!latest || latest->revocationDate || latest->upgraded) continue;
-    if (latest->expiresDate && (!next || *latest->expiresDate < *next)) next = latest->expiresDate;
-  }
-  return next;
 }
 
 LedgerGroup* LocalStore::State::groupOf(const LedgerTransaction& row) {

@@ -34,6 +34,16 @@ struct CheckedRequest {
   bool askToBuy = false;
 };
 
+// Texts shared by the files of the store.
+std::string lowercase(std::string text);
+const char* paymentModeName(ConfiguredOffer::Mode mode);  // "FREE_TRIAL", ...
+std::optional<std::int64_t> milliunits(const platform::Decimal& price);
+// An offer as the ledger keeps it (JSON); nothing when it cannot be read back.
+std::optional<AppliedOffer> offerFromJSON(const boost::json::value& value);
+
+// A subscription subscribed again, with no expiry, billing issue or grace pending.
+void clearRenewalIssues(LedgerGroup& group);
+
 // A transaction being made or changed: its row and the payload the store signs.
 struct Draft {
   LedgerTransaction row;
@@ -77,17 +87,28 @@ class LocalStore::State {
                          TestTransaction::State state);
   CheckedRequest waitingRequest(const LedgerTransaction& row) const;
 
+  // The subscription lifecycle (store_lifecycle.cpp). renew() makes the next period's
+  // transaction, starting at `purchaseDate`; renewDue() moves every subscription along to the
+  // store clock's now (renewals, failed renewals, grace, billing retry, expiry) and returns the
+  // transactions it made; nextRenewal() is when it next has something to do.
   std::optional<SignedTransaction> renew(LedgerWrite& write, LedgerGroup& group,
                                          platform::Date purchaseDate);
   std::vector<SignedTransaction> renewDue(LedgerWrite& write);
   std::optional<platform::Date> nextRenewal();
+  // Subscribed or in the grace period, and not past its end.
   bool isActive(const LedgerGroup& group);
+  // The billing issue of the subscription whose latest transaction is `latestID` resolved: the
+  // renewal that failed happens now. Nothing when there is no such issue.
+  std::optional<SignedTransaction> recoverBillingIssue(LedgerWrite& write, std::uint64_t latestID);
+  // The renewal info the store signs for `group` as it stands.
+  std::string signedRenewalInfo(const LedgerGroup& group);
 
   // Signs the draft's payload (with a fresh signedDate) and stores it.
   SignedTransaction sign(LedgerWrite& write, Draft& draft);
   // The stored transaction with its payload, ready to change and sign again.
   std::optional<Draft> draftOf(std::uint64_t id);
-  void putGroup(LedgerWrite& write, const LedgerGroup& group);
+  // Stores the group with its renewal info signed anew.
+  void putGroup(LedgerWrite& write, LedgerGroup group);
   void putCounters(LedgerWrite& write);
   LedgerGroup* groupOf(const LedgerTransaction& row);
   LedgerGroup* groupWithLatestProduct(const std::string& productID);

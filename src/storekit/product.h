@@ -13,6 +13,7 @@
 #include "platform/decimal.h"
 #include "platform/uuid.h"
 #include "storekit/errors.h"
+#include "storekit/subscription_status.h"
 #include "storekit/transaction.h"
 #include "storekit/values.h"
 #include "storekit/verification_result.h"
@@ -44,6 +45,12 @@ struct SubscriptionOffer {
 // Product.SubscriptionInfo.
 class SubscriptionInfo {
  public:
+  using RenewalState = storekit::RenewalState;
+  using RenewalInfo = storekit::RenewalInfo;
+  using Status = SubscriptionStatus;
+  // Product.SubscriptionInfo.status(for:): the group's subscription as it stands.
+  static std::vector<Status> status(const std::string& groupID) { return Status::status(groupID); }
+
   std::string subscriptionGroupID;
   SubscriptionPeriod subscriptionPeriod;
   std::optional<SubscriptionOffer> introductoryOffer;

@@ -149,6 +149,43 @@ class LedgerTest : public ::testing::Test {
   fs::path dir_;
 };
 
+// A file an earlier build wrote (schema version 1: a refunded purchase and a subscription)
+// is carried to this version as it opens, keeping every row.
+TEST_F(LedgerTest, MigratesAFileOfTheFirstVersion) {
+  const auto path = dir_ / "version1.db";
+  fs::copy_file(VORNTESK_SOURCE_DIR "/tests/appstore/data/ledger_version_1.db", path);
+  const auto signedBefore = [&] {
+    SQLite::Database old(path.string(), SQLite::OPEN_READONLY);
+    EXPECT_EQ(old.execAndGet("PRAGMA user_version").getInt(), 1);
+    return old.execAndGet("SELECT signed_form FROM transaction_texts WHERE id = 2").getString();
+  }();
+  {
+    const auto ledger = Ledger::open(path.string());
+    EXPECT_EQ(ids(ledger->transactions(Selection::everything)), (Ids{1, 2}));
+    EXPECT_TRUE(ledger->transaction(1)->revocationDate);
+    EXPECT_EQ(ledger->signedForm(2), signedBefore);
+    const auto groups = ledger->groups();
+    ASSERT_EQ(groups.size(), 1u);
+    EXPECT_EQ(groups[0].latestID, 2u);
+    EXPECT_EQ(groups[0].status, RenewalStatus::subscribed);
+    EXPECT_FALSE(groups[0].expirationIntent || groups[0].billingIssueSince ||
+                 groups[0].gracePeriodExpires || groups[0].priceIncreaseStatus);
+    EXPECT_TRUE(groups[0].signedRenewalInfo.empty());
+    // The new columns take what is written to them.
+    auto changed = groups[0];
+    changed.status = RenewalStatus::gracePeriod;
+    changed.gracePeriodExpires = day(3);
+    changed.signedRenewalInfo = "info";
+    ledger->write([&](LedgerWrite& write) { write.putGroup(changed); });
+  }
+  SQLite::Database migrated(path.string(), SQLite::OPEN_READONLY);
+  EXPECT_EQ(migrated.execAndGet("PRAGMA user_version").getInt(), Ledger::kSchemaVersion);
+  const auto ledger = Ledger::open(path.string());
+  EXPECT_EQ(ledger->groups().at(0).status, RenewalStatus::gracePeriod);
+  EXPECT_EQ(ledger->groups().at(0).gracePeriodExpires, day(3));
+  EXPECT_EQ(ledger->groups().at(0).signedRenewalInfo, "info");
+}
+
 TEST_F(LedgerTest, KeepsEveryFieldAcrossAReopenAndListsWithoutTheTexts) {
   // A new file is in WAL from the start, before any write: a kill during a commit in rollback
   // mode leaves a hot journal, which the next open's read-only checks cannot roll back.
@@ -229,8 +266,8 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
        "a SQLite database of something else (application_id 0)"},
       {[&] { return foreign(dir_ / "app.db", "PRAGMA application_id = 7; CREATE TABLE t (i)"); },
        "a SQLite database of something else (application_id 7)"},
-      {[&] { return foreign(sampleLedger("newer.db"), "PRAGMA user_version = 2"); },
-       "schema version 2 is newer than this build's (1)"},
+      {[&] { return foreign(sampleLedger("newer.db"), "PRAGMA user_version = 99"); },
+       "schema version 99 is newer than this build's (" + std::to_string(Ledger::kSchemaVersion) + ")"},
       // Dates the store's arithmetic would overflow on, in a file SQLite finds sound.
       {[&] {
          return foreign(sampleLedger("late.db"),

@@ -134,14 +134,16 @@ TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpi
   IDs both{trialID, renewal.id()};
   expectLists(both, both, {renewal.id()});
 
-  // Auto-renew off: the period runs out and nothing renews, until it is on again.
+  // Auto-renew off: the period runs out and the subscription expires; turning auto-renew on
+  // afterwards does not bring it back.
   store_->disableAutoRenewForTransaction(renewal.id());
   store_->advanceTime(40 * kDay);
   EXPECT_TRUE(quiet(updates));
   expectLists(both, both, {});
   store_->enableAutoRenewForTransaction(renewal.id());
-  store_->advanceTime(1.0);
-  EXPECT_EQ(next(updates).originalID(), trialID);
+  store_->advanceTime(40 * kDay);
+  EXPECT_TRUE(quiet(updates));
+  expectLists(both, both, {});
 
   store_->forceRenewalOfSubscription(kPro);
   const auto forced = next(updates, 5s);
@@ -152,6 +154,44 @@ TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpi
   EXPECT_TRUE(quiet(updates));  // expiry is not a transaction
   EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
   EXPECT_THROW(store_->expireSubscription(kPro), std::invalid_argument);
+}
+
+TEST_F(StoreTest, SubscriptionStatusHandsOutTheVerifiedRenewalInfoAsItStands) {
+  const auto product = Product::products({kPro}).at(0);
+  const auto& group = product.subscription->subscriptionGroupID;
+  EXPECT_TRUE(Product::SubscriptionInfo::status(group).empty());
+  const auto id = buy(kPro);
+  const auto trial = transactionOf(store_->allTransactions().at(0)).value();
+
+  auto statuses = Product::SubscriptionInfo::status(group);
+  ASSERT_EQ(statuses.size(), 1u);
+  EXPECT_EQ(statuses[0].state, Product::SubscriptionInfo::RenewalState::subscribed());
+  ASSERT_TRUE(statuses[0].transaction.isVerified());
+  EXPECT_EQ(statuses[0].transaction.payloadValue().id(), id);
+  ASSERT_TRUE(statuses[0].renewalInfo.isVerified());
+  auto info = statuses[0].renewalInfo.payloadValue();
+  EXPECT_EQ(info.originalTransactionID, id);
+  EXPECT_EQ(info.currentProductID, kPro);
+  EXPECT_EQ(info.autoRenewPreference, kPro);
+  EXPECT_TRUE(info.willAutoRenew);
+  EXPECT_FALSE(info.isInBillingRetry || info.expirationReason || info.gracePeriodExpirationDate);
+  EXPECT_EQ(info.renewalDate, trial.expirationDate());
+  EXPECT_EQ(info.renewalPrice, product.price);  // the trial ends; the full price follows
+  EXPECT_EQ(info.environment, "Xcode");
+
+  // A change is signed into the renewal info at once.
+  store_->disableAutoRenewForTransaction(id);
+  statuses = Product::SubscriptionInfo::status(group);
+  info = statuses.at(0).renewalInfo.payloadValue();
+  EXPECT_FALSE(info.willAutoRenew);
+  EXPECT_EQ(statuses[0].state, Product::SubscriptionInfo::RenewalState::subscribed());
+  store_->refundTransaction(id, 0);
+  EXPECT_EQ(Product::SubscriptionInfo::status(group).at(0).state,
+            Product::SubscriptionInfo::RenewalState::revoked());
+
+  store_->setSimulatedError(appstore::StoreKitAPI::subscriptionStatus,
+                            appstore::StoreFailure::named("networkError"));
+  EXPECT_THROW(Product::SubscriptionInfo::status(group), StoreKitError);
 }
 
 TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndAnUpgradeReplacesTheEntitlement) {

@@ -119,7 +119,7 @@ TEST_F(StateFileTest, EachRefusedFileIsNamedWithItsCauseAndKeepsItsBytes) {
   const auto cut = ledger("cut.db", 4);
   fs::resize_file(cut, fs::file_size(cut) / 2);
   const auto newer = ledger("newer.db", 1);
-  SQLite::Database(newer.string(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 2");
+  SQLite::Database(newer.string(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version = 99");
   const auto held = ledger("held.db", 1);
   RunningDriver holder({"--state", held.string()});
   ASSERT_EQ(holder.ask(R"({"id":1,"call":"GetStorefront"})"),
@@ -128,7 +128,7 @@ TEST_F(StateFileTest, EachRefusedFileIsNamedWithItsCauseAndKeepsItsBytes) {
   expectRefused(text, "not a SQLite database");
   expectRefused(foreign, "a SQLite database of something else (application_id 42)");
   expectRefused(cut, "damaged (");
-  expectRefused(newer, "schema version 2 is newer than this build's (1)");
+  expectRefused(newer, "schema version 99 is newer than this build's (2)");
   expectRefused(held, "in use by another process");
 }
 

@@ -6,6 +6,7 @@
 #include "platform/uuid.h"
 #include "appstore/local_store.h"
 
+#include <boost/json/parse.hpp>
 #include <boost/json/value_from.hpp>
 
 #include <functional>
@@ -118,6 +119,16 @@ appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
                                 platform::UUID::random(), signature, 0};
   }
   return request;
+}
+
+// The payload of a compact JWS the store signed, as JSON (null if it cannot be read).
+boost::json::value jwsPayload(const std::string& jws) {
+  const auto first = jws.find('.'), last = jws.rfind('.');
+  if (first == std::string::npos || first == last) return nullptr;
+  const auto text = platform::base64URLDecode(jws.substr(first + 1, last - first - 1));
+  boost::json::error_code ec;
+  auto parsed = text ? boost::json::parse(*text, ec) : boost::json::value();
+  return ec ? boost::json::value() : parsed;
 }
 
 appstore::StoreFailure simulatedError(const std::string& name) {
@@ -311,6 +322,21 @@ const std::map<std::string, Control, std::less<>>& controls() {
           R"({"id":1,"store":"rootCertificate"})"},
          [](LocalStore& s, const Arguments&) {
            return object{{"pem", s.signingAuthority().rootCertificatePEM()}};
+         }});
+    add({{"subscriptionStatus", "groupID",
+          "where the group's subscription stands (1 subscribed, 2 expired, 3 billing retry, 4 "
+          "grace period, 5 revoked), its latest transaction and its renewal info, signed and "
+          "decoded",
+          R"({"id":1,"store":"subscriptionStatus","groupID":"21500001"})"},
+         [](LocalStore& s, const Arguments& a) {
+           boost::json::array statuses;
+           for (const auto& held : s.subscriptionStatuses(a.string("groupID"))) {
+             statuses.push_back({{"status", static_cast<int>(held.status)},
+                                 {"transactionId", held.transaction.id},
+                                 {"renewalInfo", jwsPayload(held.signedRenewalInfo)},
+                                 {"signedRenewalInfo", held.signedRenewalInfo}});
+           }
+           return object{{"statuses", std::move(statuses)}};
          }});
     add({{"now", "", "the store clock", R"({"id":1,"store":"now"})"},
          [](LocalStore& s, const Arguments&) {

@@ -1,0 +1,238 @@
+// The subscription lifecycle on the store clock: renewals, renewals that fail for a billing
+// issue, the billing grace period, billing retry, recovery and expiry, and the renewal info
+// the store signs for each subscription as it stands.
+#include <algorithm>
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include "appstore/store_state.h"
+#include "appstore/subscription_rules.h"
+
+namespace appstore {
+namespace json = boost::json;
+using Kind = ConfiguredProduct::Kind;
+
+namespace {
+
+// Steps taken for one subscription in one go; a store left alone for ages at a fast time rate
+// would otherwise produce an unbounded history.
+constexpr int kMaxStepsPerCatchUp = 1000;
+
+constexpr int kIntentCancelled = 1, kIntentBillingError = 2, kIntentPriceIncrease = 3,
+              kIntentUnavailable = 4;
+
+json::object payloadOf(const LedgerTransaction& row) {
+  json::error_code ec;
+  auto parsed = json::parse(row.payload, ec);
+  return !ec && parsed.is_object() ? std::move(parsed.get_object()) : json::object{};
+}
+
+}  // namespace
+
+bool LocalStore::State::isActive(const LedgerGroup& group) {
+  if (group.status == RenewalStatus::gracePeriod) return true;
+  if (group.status != RenewalStatus::subscribed) return false;
+  const auto latest = ledger->transaction(group.latestID);
+  if (!latest || latest->revocationDate || latest->upgraded) return false;
+  return latest->expiresDate && *latest->expiresDate > now();
+}
+
+std::optional<SignedTransaction> LocalStore::State::renew(LedgerWrite& write, LedgerGroup& group,
+                                                          platform::Date purchaseDate) {
+  const auto latest = ledger->transaction(group.latestID);
+  if (!latest) return std::nullopt;
+  const auto* product = configuration.product(group.pendingProductID.value_or(latest->productID));
+  if (!product || product->kind != Kind::autoRenewable) {
+    group.autoRenew = false;
+    group.expirationIntent = kIntentUnavailable;
+    putGroup(write, group);
+    return std::nullopt;
+  }
+  CheckedRequest request;
+  request.productID = product->productID;
+  const auto payload = payloadOf(*latest);
+  if (const auto* token = payload.if_contains("appAccountToken"); token && token->is_string()) {
+    request.appAccountToken = platform::UUID::fromString(token->get_string());
+  }
+  std::optional<AppliedOffer> offer;
+  if (group.offerPeriodsLeft > 0 && !group.continuingOffer.empty()) {
+    json::error_code ec;
+    offer = offerFromJSON(json::parse(group.continuingOffer, ec));
+    if (ec || (offer && offer->terms.paymentMode != ConfiguredOffer::Mode::payAsYouGo)) offer.reset();
+    if (offer) {
+      // A renewal bills one discounted period at a time.
+      offer->terms.numberOfPeriods = 1;
+      --group.offerPeriodsLeft;
+    }
+  }
+  auto draft = newTransaction(*product, request, "RENEWAL", purchaseDate, offer, &group, std::nullopt);
+  const auto signedTransaction = sign(write, draft);
+  group.latestID = draft.row.id;
+  group.pendingProductID.reset();
+  clearRenewalIssues(group);
+  putGroup(write, group);
+  putCounters(write);
+  return signedTransaction;
+}
+
+std::vector<SignedTransaction> LocalStore::State::renewDue(LedgerWrite& write) {
+  std::vector<SignedTransaction> renewed;
+  const auto current = now();
+  for (auto& [id, cached] : groups) {
+    auto group = cached;
+    bool changed = false;
+    for (int step = 0; step < kMaxStepsPerCatchUp; ++step) {
+      const auto latest = ledger->transaction(group.latestID);
+      if (!latest || latest->upgraded) break;
+      if (latest->revocationDate) {
+        changed |= group.status != RenewalStatus::revoked;
+        group.status = RenewalStatus::revoked;
+        break;
+      }
+      if (group.status == RenewalStatus::subscribed) {
+        if (!latest->expiresDate || *latest->expiresDate > current) break;
+        const auto due = *latest->expiresDate;
+        changed = true;
+        if (!group.autoRenew || group.priceIncreaseStatus == 0) {
+          // Cancelled, or a price increase the customer never agreed to: the period ends.
+          group.status = RenewalStatus::expired;
+          if (group.priceIncreaseStatus == 0) {
+            group.expirationIntent = kIntentPriceIncrease;
+            group.autoRenew = false;
+          }
+          if (!group.expirationIntent) group.expirationIntent = kIntentCancelled;
+          break;
+        }
+        if (settings.shouldEnterBillingRetryOnRenewal) {
+          group.billingIssueSince = due;
+          if (settings.billingGracePeriodIsEnabled) {
+            const auto* product = configuration.product(latest->productID);
+            const auto period = product ? product->period : SubscriptionPeriod{};
+            group.status = RenewalStatus::gracePeriod;
+            group.gracePeriodExpires = due + gracePeriodLength(period, settings.timeRate);
+          } else {
+            group.status = RenewalStatus::billingRetry;
+          }
+          continue;
+        }
+        auto renewal = renew(write, group, due);
+        if (!renewal) continue;  // no longer for sale: expires on the next step
+        renewed.push_back(std::move(*renewal));
+      } else if (group.status == RenewalStatus::gracePeriod) {
+        if (!group.gracePeriodExpires || *group.gracePeriodExpires > current) break;
+        group.status = RenewalStatus::billingRetry;
+        group.gracePeriodExpires.reset();
+        changed = true;
+      } else if (group.status == RenewalStatus::billingRetry) {
+        const auto since = group.billingIssueSince.value_or(current);
+        if (since + billingRetryLength(settings.timeRate) > current) break;
+        group.status = RenewalStatus::expired;
+        group.expirationIntent = kIntentBillingError;
+        group.billingIssueSince.reset();
+        changed = true;
+        break;
+      } else {
+        break;
+      }
+    }
+    if (changed) putGroup(write, group);
+  }
+  return renewed;
+}
+
+std::optional<platform::Date> LocalStore::State::nextRenewal() {
+  std::optional<platform::Date> next;
+  const auto consider = [&](platform::Date date) {
+    if (!next || date < *next) next = date;
+  };
+  for (const auto& [id, group] : groups) {
+    switch (group.status) {
+      case RenewalStatus::subscribed: {
+        const auto latest = ledger->transaction(group.latestID);
+        if (!latest || latest->revocationDate || latest->upgraded) break;
+        if (latest->expiresDate) consider(*latest->expiresDate);
+        break;
+      }
+      case RenewalStatus::gracePeriod:
+        if (group.gracePeriodExpires) consider(*group.gracePeriodExpires);
+        break;
+      case RenewalStatus::billingRetry:
+        consider(group.billingIssueSince.value_or(now()) + billingRetryLength(settings.timeRate));
+        break;
+      case RenewalStatus::expired:
+      case RenewalStatus::revoked:
+        break;
+    }
+  }
+  return next;
+}
+
+std::optional<SignedTransaction> LocalStore::State::recoverBillingIssue(LedgerWrite& write,
+                                                                        std::uint64_t latestID) {
+  for (auto& [id, cached] : groups) {
+    if (cached.latestID != latestID) continue;
+    if (cached.status != RenewalStatus::gracePeriod && cached.status != RenewalStatus::billingRetry) {
+      return std::nullopt;
+    }
+    auto group = cached;
+    // Within the grace period the customer never lost access: the period renews from when it
+    // was due. Once in billing retry the paid time paused, and it starts again now.
+    const auto start = group.status == RenewalStatus::gracePeriod
+                           ? group.billingIssueSince.value_or(now())
+                           : now();
+    return renew(write, group, start);
+  }
+  return std::nullopt;
+}
+
+std::string LocalStore::State::signedRenewalInfo(const LedgerGroup& group) {
+  const auto latest = ledger->transaction(group.latestID);
+  if (!latest) return {};
+  const auto transaction = payloadOf(*latest);
+  const auto& renewingID = group.pendingProductID.value_or(latest->productID);
+  const auto* renewing = configuration.product(renewingID);
+
+  json::object p;
+  p["originalTransactionId"] = std::to_string(group.originalID);
+  p["productId"] = latest->productID;
+  p["autoRenewProductId"] = renewingID;
+  p["autoRenewStatus"] = group.autoRenew ? 1 : 0;
+  if (group.status == RenewalStatus::expired && group.expirationIntent) {
+    p["expirationIntent"] = *group.expirationIntent;
+  }
+  p["isInBillingRetryPeriod"] =
+      group.status == RenewalStatus::billingRetry || group.status == RenewalStatus::gracePeriod;
+  if (group.status == RenewalStatus::gracePeriod && group.gracePeriodExpires) {
+    p["gracePeriodExpiresDate"] = platform::millisecondsSince1970(*group.gracePeriodExpires);
+  }
+  if (group.priceIncreaseStatus) p["priceIncreaseStatus"] = *group.priceIncreaseStatus;
+  // The offer the next renewal is billed at, while a pay-as-you-go offer lasts.
+  std::optional<AppliedOffer> offer;
+  if (group.offerPeriodsLeft > 0 && !group.continuingOffer.empty()) {
+    json::error_code ec;
+    offer = offerFromJSON(json::parse(group.continuingOffer, ec));
+    if (offer) {
+      p["offerType"] = offer->type;
+      if (offer->id) p["offerIdentifier"] = *offer->id;
+      p["offerDiscountType"] = paymentModeName(offer->terms.paymentMode);
+      p["offerPeriod"] = offer->terms.period.isoString();
+    }
+  }
+  p["signedDate"] = platform::millisecondsSince1970(now());
+  p["environment"] = environment;
+  p["recentSubscriptionStartDate"] = platform::millisecondsSince1970(group.originalPurchaseDate);
+  if (latest->expiresDate) p["renewalDate"] = platform::millisecondsSince1970(*latest->expiresDate);
+  auto price = renewing ? std::optional(renewing->price) : std::nullopt;
+  if (!group.renewalPrice.empty()) price = platform::Decimal::parse(group.renewalPrice);
+  if (offer) price = offer->terms.price;
+  if (const auto value = price ? milliunits(*price) : std::nullopt) {
+    p["renewalPrice"] = *value;
+    p["currency"] = storefront().currency;
+  }
+  if (const auto* token = transaction.if_contains("appAccountToken")) p["appAccountToken"] = *token;
+  p["appTransactionId"] = appTransactionID;
+  return authority->sign(json::serialize(p));
+}
+
+}  // namespace appstore

@@ -1,0 +1,218 @@
+// A subscription's life as an app sees it through the driver: the service's answers and
+// update events, and the renewal info the store signs, as renewals fail for a billing issue,
+// the grace period and billing retry run out, the issue is resolved or auto-renew is off, at
+// real time and at accelerated time rates.
+#include <gtest/gtest.h>
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "platform/date.h"
+#include "support/driver_process.h"
+
+namespace {
+
+namespace json = boost::json;
+using namespace std::chrono;
+using testsupport::RunningDriver;
+
+const std::string kBasic = "com.vorntesk.sample.basic.monthly";
+const std::string kGroup = "21500001";
+
+// A driver session with numbered lines: each line's answer, and the update events so far.
+class Session {
+ public:
+  explicit Session(const std::vector<std::string>& settings) {
+    for (const auto& line : settings) control(line);
+    call("StartTransactionObserver");
+  }
+
+  json::value control(const std::string& membersAfterId) {
+    return ask(R"({"id":")" + nextID() + R"(",)" + membersAfterId + "}");
+  }
+  json::value call(const std::string& method, const std::string& payload = "{}") {
+    return ask(R"({"id":")" + nextID() + R"(","call":")" + method + R"(","payload":)" + payload + "}");
+  }
+  void advance(milliseconds amount) {
+    control(R"("store":"advanceTime","seconds":)" + std::to_string(amount.count() / 1000.0));
+  }
+  json::object status() {
+    const auto answer = control(R"("store":"subscriptionStatus","groupID":")" + kGroup + R"(")");
+    const auto& statuses = answer.at("statuses").as_array();
+    EXPECT_EQ(statuses.size(), 1u);
+    return statuses.empty() ? json::object{} : statuses[0].as_object();
+  }
+  std::vector<std::int64_t> entitlements() {
+    std::vector<std::int64_t> ids;
+    const auto answer = call("GetCurrentEntitlements");
+    for (const auto& t : answer.at("envelope").at("success").at("transactions").as_array()) {
+      ids.push_back(t.at("id").as_int64());
+    }
+    return ids;
+  }
+  // The transactions of the update events printed since the last call of this.
+  std::vector<json::object> newEvents() {
+    std::vector<json::object> events;
+    const auto lines = driver_.lines();
+    const std::string prefix = R"({"event":"AppleStoreKitService.OnTransactionUpdate","payload":)";
+    for (; seenLines_ < lines.size(); ++seenLines_) {
+      if (lines[seenLines_].rfind(prefix, 0) == 0) {
+        events.push_back(json::parse(lines[seenLines_]).at("payload").as_object());
+      }
+    }
+    return events;
+  }
+
+ private:
+  std::string nextID() { return std::to_string(++lastID_); }
+  json::value ask(const std::string& line) {
+    driver_.send(line);
+    const auto answer = driver_.waitForAnswer(std::to_string(lastID_));
+    EXPECT_TRUE(answer) << "no answer to " << line;
+    if (!answer) return json::object{};
+    auto parsed = json::parse(*answer);
+    EXPECT_EQ(parsed.as_object().if_contains("error"), nullptr) << line << "\n  " << *answer;
+    return parsed;
+  }
+
+  RunningDriver driver_{std::vector<std::string>{}};
+  int lastID_ = 0;
+  std::size_t seenLines_ = 0;
+};
+
+std::int64_t info(const json::object& status, const char* key) {
+  const auto* value = status.at("renewalInfo").as_object().if_contains(key);
+  return value ? value->to_number<std::int64_t>() : -1;
+}
+bool inBillingRetry(const json::object& status) {
+  return status.at("renewalInfo").at("isInBillingRetryPeriod").as_bool();
+}
+
+struct Bought {
+  std::int64_t id;
+  milliseconds period;
+};
+Bought buy(Session& session) {
+  const auto answer =
+      session.call("Purchase", R"({"productId":")" + kBasic + R"("})").at("envelope").at("success");
+  const auto& t = answer.at("transaction");
+  const auto date = [&](const char* key) {
+    return platform::millisecondsSince1970(*platform::parseRFC3339(t.at(key).as_string()));
+  };
+  return {t.at("id").as_int64(), milliseconds(date("expirationDate") - date("purchaseDate"))};
+}
+
+constexpr auto kMargin = seconds(5);
+
+struct Rate {
+  int timeRate;
+  milliseconds grace, retry;
+};
+const Rate kRates[] = {{0, days(16), days(60)},
+                       {13, minutes(2) + seconds(30), minutes(10)},
+                       {1000, minutes(15), minutes(30)}};
+
+TEST(SubscriptionLifecycle, GraceThenBillingRetryThenExpiryWhenTheIssueStays) {
+  for (const auto& rate : kRates) {
+    SCOPED_TRACE("time rate " + std::to_string(rate.timeRate));
+    Session session({R"("store":"timeRate","value":)" + std::to_string(rate.timeRate),
+                     R"("store":"shouldEnterBillingRetryOnRenewal","value":true)",
+                     R"("store":"billingGracePeriodIsEnabled","value":true)"});
+    const auto bought = buy(session);
+    EXPECT_EQ(info(session.status(), "autoRenewStatus"), 1);
+
+    // The renewal fails: the grace period starts at the renewal date, entitled throughout.
+    session.advance(bought.period + kMargin);
+    auto status = session.status();
+    EXPECT_EQ(status.at("status"), 4);
+    EXPECT_TRUE(inBillingRetry(status));
+    EXPECT_EQ(info(status, "gracePeriodExpiresDate") - info(status, "renewalDate"), rate.grace.count());
+    EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{bought.id});
+    session.advance(rate.grace - 2 * kMargin);
+    EXPECT_EQ(session.status().at("status"), 4);
+    EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{bought.id});
+
+    // Grace over: billing retry, no longer entitled.
+    session.advance(2 * kMargin);
+    status = session.status();
+    EXPECT_EQ(status.at("status"), 3);
+    EXPECT_TRUE(inBillingRetry(status));
+    EXPECT_EQ(info(status, "gracePeriodExpiresDate"), -1);
+    EXPECT_TRUE(session.entitlements().empty());
+
+    // Billing retry runs out, counted from the renewal date: expired for a billing error.
+    session.advance(rate.retry - rate.grace - 2 * kMargin);
+    EXPECT_EQ(session.status().at("status"), 3);
+    session.advance(2 * kMargin);
+    status = session.status();
+    EXPECT_EQ(status.at("status"), 2);
+    EXPECT_FALSE(inBillingRetry(status));
+    EXPECT_EQ(info(status, "expirationIntent"), 2);
+    EXPECT_TRUE(session.entitlements().empty());
+    // No transaction came of any of it.
+    EXPECT_TRUE(session.newEvents().empty());
+  }
+}
+
+TEST(SubscriptionLifecycle, AResolvedIssueRenewsThroughTheUpdatesFromWhenAccessResumes) {
+  for (const bool grace : {false, true}) {
+    SCOPED_TRACE(grace ? "resolved in the grace period" : "resolved in billing retry");
+    Session session({R"("store":"shouldEnterBillingRetryOnRenewal","value":true)",
+                     R"("store":"billingGracePeriodIsEnabled","value":)" + std::string(grace ? "true" : "false")});
+    const auto bought = buy(session);
+    session.advance(bought.period + kMargin);
+    auto status = session.status();
+    EXPECT_EQ(status.at("status"), grace ? 4 : 3);
+    const auto renewalDate = info(status, "renewalDate");
+    EXPECT_EQ(session.entitlements().size(), grace ? 1u : 0u);
+    session.advance(days(2));
+
+    session.control(R"("store":"resolveIssueForTransaction","identifier":)" + std::to_string(bought.id));
+    status = session.status();  // the event a line causes comes before the next line's answer
+    const auto events = session.newEvents();
+    ASSERT_EQ(events.size(), 1u);
+    const auto& renewal = events[0];
+    EXPECT_EQ(renewal.at("originalId"), bought.id);
+    EXPECT_EQ(renewal.at("transactionReason"), 2);  // renewal
+    // In grace the paid time never stopped; in billing retry it starts again on recovery.
+    const auto start = platform::millisecondsSince1970(
+        *platform::parseRFC3339(renewal.at("purchaseDate").as_string()));
+    if (grace) {
+      EXPECT_EQ(start, renewalDate);
+    } else {
+      EXPECT_GE(start, renewalDate + milliseconds(days(2)).count());
+    }
+    EXPECT_EQ(status.at("status"), 1);
+    EXPECT_EQ(status.at("transactionId"), renewal.at("id"));
+    EXPECT_FALSE(inBillingRetry(status));
+    EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{renewal.at("id").as_int64()});
+  }
+}
+
+TEST(SubscriptionLifecycle, RenewsWhileAutoRenewIsOnAndExpiresAsCancelledWhenOff) {
+  Session session({});
+  const auto bought = buy(session);
+  session.advance(bought.period + kMargin);
+  EXPECT_EQ(session.status().at("status"), 1);
+  auto events = session.newEvents();
+  ASSERT_EQ(events.size(), 1u);
+  const auto renewalID = events[0].at("id").as_int64();
+
+  session.control(R"("store":"disableAutoRenewForTransaction","identifier":)" + std::to_string(renewalID));
+  auto status = session.status();
+  EXPECT_EQ(info(status, "autoRenewStatus"), 0);
+  EXPECT_EQ(info(status, "expirationIntent"), -1);  // not yet expired
+  EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{renewalID});
+  session.advance(days(40));
+  status = session.status();
+  EXPECT_EQ(status.at("status"), 2);
+  EXPECT_EQ(info(status, "expirationIntent"), 1);
+  EXPECT_TRUE(session.entitlements().empty());
+  EXPECT_TRUE(session.newEvents().empty());
+}
+
+}  // namespace
