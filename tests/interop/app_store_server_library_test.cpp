@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include <boost/json/parse.hpp>
@@ -226,6 +227,61 @@ TEST_F(AppStoreServerLibrary, VerifiesTokensFromBeforeAndAfterARelaunchAgainstTh
   // Turned down for its signature (VerificationStatus.VERIFICATION_FAILURE).
   EXPECT_FALSE(results.back().at("ok").as_bool());
   EXPECT_EQ(results.back().at("status"), 1) << json::serialize(results.back());
+}
+
+// Renewal info in every state the lifecycle reaches: with an offer, auto-renew off, in the
+// grace period, in billing retry, expired, renewed after recovery, revoked.
+TEST_F(AppStoreServerLibrary, VerifiesTheRenewalInfoOfEveryState) {
+  std::vector<std::string> input = {
+      R"({"id":"s","store":"shouldEnterBillingRetryOnRenewal","value":true})",
+      R"({"id":"g","store":"billingGracePeriodIsEnabled","value":true})",
+      purchaseLine("com.vorntesk.sample.basic.monthly")};
+  const auto status = [&] {
+    input.push_back(R"({"id":"status","store":"subscriptionStatus","groupID":"21500001"})");
+  };
+  const auto step = [&](const std::string& line) {
+    input.push_back(line);
+    status();
+  };
+  status();
+  step(R"({"id":"off","store":"disableAutoRenewForTransaction","identifier":1})");
+  step(R"({"id":"on","store":"enableAutoRenewForTransaction","identifier":1})");
+  step(R"({"id":"t","store":"advanceTime","seconds":2764800})");    // 32 days: grace
+  step(R"({"id":"t","store":"advanceTime","seconds":1382400})");    // 16 more: billing retry
+  step(R"({"id":"r","store":"resolveIssueForTransaction","identifier":1})");
+  step(R"({"id":"t","store":"advanceTime","seconds":2764800})");    // fails again: grace
+  step(R"({"id":"t","store":"advanceTime","seconds":6048000})");    // 70 days: expired
+  step(R"({"id":"b","call":"Purchase","payload":{"productId":"com.vorntesk.sample.pro.monthly"}})");
+  step(R"({"id":"x","store":"refundTransaction","identifier":3})");
+  input.push_back(R"({"id":"root","store":"rootCertificate"})");
+  const auto run = testsupport::runDriver(input, "--environment Sandbox");
+  ASSERT_EQ(run.exitStatus, 0) << run.errors;
+
+  json::array items;
+  std::vector<json::value> ours;
+  std::set<std::int64_t> statesSeen;
+  for (const auto& line : run.lines) {
+    if (line.rfind(R"({"id":"status",)", 0) != 0) continue;
+    const auto held = json::parse(line).at("statuses").at(0);
+    statesSeen.insert(held.at("status").as_int64());
+    items.push_back({{"jws", held.at("signedRenewalInfo")}, {"environment", "Sandbox"},
+                     {"kind", "renewalInfo"}});
+    ours.push_back(held.at("renewalInfo"));
+  }
+  ASSERT_EQ(items.size(), 10u) << run.errors;
+  EXPECT_EQ(statesSeen, (std::set<std::int64_t>{1, 2, 3, 4, 5}));
+  const auto root = derOfPEM(std::string(json::parse(run.lines.back()).at("pem").as_string()));
+  ASSERT_FALSE(root.empty());
+
+  const auto results = verify({{"bundleId", "com.vorntesk.example"},
+                               {"trustedRoots", {json::string(platform::base64Encode(root))}},
+                               {"items", items}},
+                              "renewal-info");
+  ASSERT_EQ(results.size(), items.size());
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    ASSERT_TRUE(results[i].at("ok").as_bool()) << i << ": " << json::serialize(results[i]);
+    EXPECT_EQ(results[i].at("decoded"), ours[i]) << i;
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
-// Reads {bundleId, trustedRoots: [base64 DER], items: [{jws, environment, trustedRoots?}]} from
+// Reads {bundleId, trustedRoots: [base64 DER], items: [{jws, environment, kind?, trustedRoots?}]} from
 // the file named on the command line and prints, for each item, what Apple's
-// SignedDataVerifier makes of it: {ok: true, decoded} or {ok: false, status, message}.
+// SignedDataVerifier makes of it (a transaction, or with kind "renewalInfo" a renewal info):
+// {ok: true, decoded} or {ok: false, status, message}.
 'use strict';
 const fs = require('fs');
 const { SignedDataVerifier, Environment } = require('@apple/app-store-server-library');
@@ -13,7 +14,10 @@ async function main() {
     const environment = item.environment === 'Sandbox' ? Environment.SANDBOX : Environment.XCODE;
     const verifier = new SignedDataVerifier(roots, false, environment, input.bundleId);
     try {
-      results.push({ ok: true, decoded: await verifier.verifyAndDecodeTransaction(item.jws) });
+      const decoded = item.kind === 'renewalInfo'
+        ? await verifier.verifyAndDecodeRenewalInfo(item.jws)
+        : await verifier.verifyAndDecodeTransaction(item.jws);
+      results.push({ ok: true, decoded });
     } catch (error) {
       results.push({ ok: false, status: error.status ?? null, message: String(error) });
     }
