@@ -48,6 +48,10 @@ demo: configure
 	@echo "vorntesk-storekit --transcript < examples/demo.jsonl"
 	@echo "(send: a line to the service; answer: its envelope; event: an update the observer pushed)"
 	build/$(PRESET)/tools/vorntesk-storekit --transcript < examples/demo.jsonl
+	@echo
+	@echo "A renewal that fails for a billing issue: grace period, billing retry, recovery"
+	@echo "(README, Testing a failed renewal):"
+	build/$(PRESET)/tools/vorntesk-storekit --transcript < examples/failed_renewal.jsonl
 
 # Benchmarks (bench/README.md): the release build with the benchmark programs, every figure
 # beside its floor and its peers, gathered into build/bench/summary.json and printed.
