@@ -39,8 +39,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_REQUIRE(readAll(path) == bytes, std::string("a refused file was changed: ") + error.what());
     return 0;
   }
-  // The checks at open read every page but not every row's meaning: damage they cannot see
-  // may still fail a later read, which must then be a LedgerError that names the file.
+  // The checks at open read the typed tables' pages but not every row's meaning, nor the
+  // signed texts (checked before the first change): damage they cannot see may still fail a
+  // later read or change, which must then be a LedgerError that names the file.
   try {
     (void)store->allTransactions();
     // Renewals that came due are carried out now, on the file's own rows.
