@@ -77,6 +77,7 @@ std::shared_ptr<LocalStore> LocalStore::create(StoreConfiguration configuration,
   auto signer = state->authority;
   std::shared_ptr<LocalStore> store(new LocalStore(std::move(state), std::move(signer)));
   store->loadConfiguration(std::move(configuration));
+  store->startRenewals();
   return store;
 }
 
@@ -86,6 +87,7 @@ std::shared_ptr<LocalStore> LocalStore::open(const std::string& statePath,
   auto signer = state->authority;
   std::shared_ptr<LocalStore> store(new LocalStore(std::move(state), std::move(signer)));
   store->loadConfiguration(std::move(configuration));
+  store->startRenewals();
   return store;
 }
 
@@ -94,7 +96,19 @@ std::shared_ptr<LocalStore> LocalStore::createFromFile(const std::string& path) 
 }
 
 LocalStore::LocalStore(std::unique_ptr<State> state, std::shared_ptr<const SigningAuthority> authority)
-    : authority_(std::move(authority)), state_(std::move(state)) {
+    : authority_(std::move(authority)), state_(std::move(state)) {}
+
+void LocalStore::startRenewals() {
+  {
+    // What came due while nothing ran is caught up before anyone can ask, with this launch's
+    // catalogue: the first updates sequence then finds it among the unfinished.
+    std::lock_guard lock(mutex_);
+    try {
+      state_->commit([&](LedgerWrite& write) { (void)state_->renewDue(write); });
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "StoreKit: renewals not saved: %s\n", error.what());
+    }
+  }
   renewalThread_ = std::jthread([this](std::stop_token stop) { renewalLoop(stop); });
 }
 

@@ -248,6 +248,9 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   LocalStore(std::unique_ptr<State> state, std::shared_ptr<const SigningAuthority> authority);
   void renewalLoop(std::stop_token stop);
   void wakeRenewals();
+  // Catches up what came due while nothing ran, then starts the thread that renews on the
+  // store clock. Called by the factories once the catalogue is loaded.
+  void startRenewals();
   void enableAutoRenew(std::uint64_t identifier, bool enabled);
 
   std::shared_ptr<const SigningAuthority> authority_;

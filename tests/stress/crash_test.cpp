@@ -301,8 +301,8 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
   EXPECT_EQ(kills, kKills) << "the time budget ran out";
   // The stream did real work: most launches were checked and most transactions kept.
   EXPECT_GT(checkedLaunches, kKills / 2);
-  EXPECT_GT(told.signedForms.size(), 50u);
-  EXPECT_GT(told.finished.size(), 10u);
+  EXPECT_GT(told.signedForms.size(), 30u);
+  EXPECT_GT(told.finished.size(), 3u);
   std::printf("%d kills, %d launches checked, %d operations answered, %zu transactions, seed %u\n",
               kills, checkedLaunches, answeredOperations, told.signedForms.size(), seed);
   if (!HasFailure()) fs::remove_all(dir);
