@@ -32,6 +32,7 @@
 #include "appstore/store_failure.h"
 #include "appstore/storefronts.h"
 #include "platform/date.h"
+#include "platform/decimal.h"
 #include "platform/uuid.h"
 
 namespace appstore {
@@ -213,6 +214,15 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   void forceRenewalOfSubscription(const std::string& productID);
   void disableAutoRenewForTransaction(std::uint64_t identifier);
   void enableAutoRenewForTransaction(std::uint64_t identifier);
+  // A price increase, to `newPrice`, for the subscription `identifier` belongs to, from its
+  // next renewal. When it needs the customer's consent it waits for consentToPriceIncrease or
+  // declinePriceIncrease; declined, or still unanswered when the period ends, the
+  // subscription expires (expiration intent 3). Without consent needed it simply applies.
+  void requestPriceIncreaseConsentForTransaction(std::uint64_t identifier,
+                                                 const platform::Decimal& newPrice,
+                                                 bool consentRequired = true);
+  void consentToPriceIncrease(std::uint64_t identifier);
+  void declinePriceIncrease(std::uint64_t identifier);
 
   // Makes `api` fail with `error` until cleared with nothing. Throws std::invalid_argument
   // for an error that cannot be simulated for that call (StoreFailure::fits).

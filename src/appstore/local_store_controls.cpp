@@ -326,6 +326,56 @@ void LocalStore::enableAutoRenew(std::uint64_t identifier, bool enabled) {
   wakeRenewals();
 }
 
+namespace {
+// The subscription group that transaction `identifier` belongs to.
+template <class State>
+LedgerGroup subscriptionOf(State& state, std::uint64_t identifier) {
+  const auto row = state.ledger->transaction(identifier);
+  auto* group = row ? state.groupOf(*row) : nullptr;
+  if (!group) invalid("transaction " + idText(identifier) + " is not an auto-renewable subscription");
+  return *group;
+}
+constexpr int kIntentPriceIncrease = 3;
+}  // namespace
+
+void LocalStore::requestPriceIncreaseConsentForTransaction(std::uint64_t identifier,
+                                                           const platform::Decimal& newPrice,
+                                                           bool consentRequired) {
+  if (newPrice.isNegative()) invalid("a price cannot be negative");
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  auto group = subscriptionOf(state, identifier);
+  group.renewalPrice = newPrice.toString();
+  group.priceIncreaseStatus = consentRequired ? 0 : 1;
+  state.commit([&](LedgerWrite& write) { state.putGroup(write, group); });
+}
+
+void LocalStore::consentToPriceIncrease(std::uint64_t identifier) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  auto group = subscriptionOf(state, identifier);
+  if (group.priceIncreaseStatus != 0) invalid("no price increase waits for consent on " + idText(identifier));
+  group.priceIncreaseStatus = 1;
+  if (group.expirationIntent == kIntentPriceIncrease) {
+    // Consent after declining: the subscription renews again.
+    group.expirationIntent.reset();
+    group.autoRenew = true;
+  }
+  state.commit([&](LedgerWrite& write) { state.putGroup(write, group); });
+  wakeRenewals();
+}
+
+void LocalStore::declinePriceIncrease(std::uint64_t identifier) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  auto group = subscriptionOf(state, identifier);
+  if (group.priceIncreaseStatus != 0) invalid("no price increase waits for consent on " + idText(identifier));
+  group.autoRenew = false;
+  group.expirationIntent = kIntentPriceIncrease;
+  state.commit([&](LedgerWrite& write) { state.putGroup(write, group); });
+  wakeRenewals();
+}
+
 void LocalStore::setSimulatedError(StoreKitAPI api, std::optional<StoreFailure> error) {
   if (error && !error->fits(api)) invalid("this error cannot be simulated for that call");
   std::lock_guard lock(mutex_);

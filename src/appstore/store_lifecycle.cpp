@@ -66,6 +66,11 @@ std::optional<SignedTransaction> LocalStore::State::renew(LedgerWrite& write, Le
       --group.offerPeriodsLeft;
     }
   }
+  // A price increase applies from the renewal it was announced for, and stays.
+  if (!group.renewalPrice.empty() && product->productID == latest->productID) {
+    request.unitPrice = platform::Decimal::parse(group.renewalPrice);
+  }
+  group.priceIncreaseStatus.reset();
   auto draft = newTransaction(*product, request, "RENEWAL", purchaseDate, offer, &group, std::nullopt);
   const auto signedTransaction = sign(write, draft);
   group.latestID = draft.row.id;

@@ -322,7 +322,7 @@ Draft LocalStore::State::newTransaction(const ConfiguredProduct& product, const 
   p["transactionReason"] = reason;
   p["storefront"] = front.countryCode;
   p["storefrontId"] = front.id;
-  const auto unitPrice = offer ? offer->terms.price : product.price;
+  const auto unitPrice = offer ? offer->terms.price : request.unitPrice.value_or(product.price);
   const auto total = unitPrice.multipliedBy(request.quantity);
   if (const auto value = total ? milliunits(*total) : std::nullopt) p["price"] = *value;
   p["currency"] = front.currency;
@@ -399,6 +399,8 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
     group->offerPeriodsLeft = 0;
     group->continuingOffer.clear();
     clearRenewalIssues(*group);
+    group->priceIncreaseStatus.reset();
+    group->renewalPrice.clear();
     putGroup(write, *group);
     putCounters(write);
     created = true;
@@ -425,6 +427,8 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
   group->autoRenew = true;
   group->pendingProductID.reset();
   clearRenewalIssues(*group);
+  group->priceIncreaseStatus.reset();
+  group->renewalPrice.clear();
   group->offerPeriodsLeft = offer && offer->terms.paymentMode == ConfiguredOffer::Mode::payAsYouGo
                                 ? offer->terms.numberOfPeriods - 1
                                 : 0;

@@ -32,6 +32,7 @@ struct CheckedRequest {
   std::optional<platform::UUID> appAccountToken;
   std::optional<AppliedOffer> offer;
   bool askToBuy = false;
+  std::optional<platform::Decimal> unitPrice;  // instead of the product's (a price increase)
 };
 
 // Texts shared by the files of the store.

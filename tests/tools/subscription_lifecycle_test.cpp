@@ -20,7 +20,8 @@ namespace json = boost::json;
 using namespace std::chrono;
 using testsupport::RunningDriver;
 
-const std::string kBasic = "com.vorntesk.sample.basic.monthly";
+const std::string kBasic = "com.vorntesk.sample.basic.monthly";  // pay as you go for 3 months
+const std::string kPro = "com.vorntesk.sample.pro.monthly";      // a week's free trial
 const std::string kGroup = "21500001";
 
 // A driver session with numbered lines: each line's answer, and the update events so far.
@@ -96,9 +97,9 @@ struct Bought {
   std::int64_t id;
   milliseconds period;
 };
-Bought buy(Session& session) {
+Bought buy(Session& session, const std::string& productID = kBasic) {
   const auto answer =
-      session.call("Purchase", R"({"productId":")" + kBasic + R"("})").at("envelope").at("success");
+      session.call("Purchase", R"({"productId":")" + productID + R"("})").at("envelope").at("success");
   const auto& t = answer.at("transaction");
   const auto date = [&](const char* key) {
     return platform::millisecondsSince1970(*platform::parseRFC3339(t.at(key).as_string()));
@@ -213,6 +214,52 @@ TEST(SubscriptionLifecycle, RenewsWhileAutoRenewIsOnAndExpiresAsCancelledWhenOff
   EXPECT_EQ(info(status, "expirationIntent"), 1);
   EXPECT_TRUE(session.entitlements().empty());
   EXPECT_TRUE(session.newEvents().empty());
+}
+
+TEST(SubscriptionLifecycle, PriceIncreasesRenewAtTheNewPriceOnlyWithConsentOrWhenNoneIsNeeded) {
+  const struct {
+    const char* name;
+    std::vector<std::string> controls;  // after the request, before the renewal date
+    bool consentRequired;
+    bool renews;
+  } cases[] = {
+      {"consented", {R"("store":"consentToPriceIncrease","identifier":1)"}, true, true},
+      {"no consent needed", {}, false, true},
+      {"declined", {R"("store":"declinePriceIncrease","identifier":1)"}, true, false},
+      {"never answered", {}, true, false},
+      {"declined, then consented",
+       {R"("store":"declinePriceIncrease","identifier":1)",
+        R"("store":"consentToPriceIncrease","identifier":1)"},
+       true, true},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.name);
+    Session session({});
+    const auto bought = buy(session, kPro);  // the increase applies when the trial ends
+    session.control(R"("store":"requestPriceIncreaseConsentForTransaction","identifier":1,)"
+                    R"("price":"4.49","consentRequired":)" +
+                    std::string(row.consentRequired ? "true" : "false"));
+    auto status = session.status();
+    EXPECT_EQ(info(status, "priceIncreaseStatus"), row.consentRequired ? 0 : 1);
+    EXPECT_EQ(info(status, "renewalPrice"), 4490);
+    for (const auto& control : row.controls) session.control(control);
+
+    session.advance(bought.period + kMargin);
+    status = session.status();
+    const auto events = session.newEvents();
+    if (row.renews) {
+      ASSERT_EQ(events.size(), 1u);
+      EXPECT_EQ(events[0].at("price"), "4.49");
+      EXPECT_EQ(status.at("status"), 1);
+      EXPECT_EQ(info(status, "priceIncreaseStatus"), -1);  // settled by the renewal
+      EXPECT_EQ(info(status, "renewalPrice"), 4490);       // and the new price stays
+    } else {
+      EXPECT_TRUE(events.empty());
+      EXPECT_EQ(status.at("status"), 2);
+      EXPECT_EQ(info(status, "expirationIntent"), 3);
+      EXPECT_TRUE(session.entitlements().empty());
+    }
+  }
 }
 
 }  // namespace

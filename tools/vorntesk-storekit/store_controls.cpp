@@ -2,6 +2,7 @@
 
 #include "platform/base64.h"
 #include "platform/date.h"
+#include "platform/decimal.h"
 #include "platform/system_version.h"
 #include "platform/uuid.h"
 #include "appstore/local_store.h"
@@ -284,6 +285,23 @@ const std::map<std::string, Control, std::less<>>& controls() {
                  &LocalStore::disableAutoRenewForTransaction);
     byIdentifier("enableAutoRenewForTransaction", "the subscription renews again",
                  &LocalStore::enableAutoRenewForTransaction);
+    add({{"requestPriceIncreaseConsentForTransaction",
+          "identifier, price (decimal text), [consentRequired: boolean, default true]",
+          "a price increase from the next renewal; without consent the subscription expires",
+          R"({"id":1,"store":"requestPriceIncreaseConsentForTransaction","identifier":2,"price":"3.99"})"},
+         [](LocalStore& s, const Arguments& a) {
+           const auto price = platform::Decimal::parse(a.string("price"));
+           if (!price) throw ControlError("argument \"price\" must be a decimal number as text");
+           s.requestPriceIncreaseConsentForTransaction(
+               a.identifier("identifier"), *price,
+               a.has("consentRequired") ? a.boolean("consentRequired") : true);
+           return object{};
+         }});
+    byIdentifier("consentToPriceIncrease", "the customer agrees to the price increase",
+                 &LocalStore::consentToPriceIncrease);
+    byIdentifier("declinePriceIncrease",
+                 "the customer refuses it: the subscription expires at the end of its period",
+                 &LocalStore::declinePriceIncrease);
     add({{"refundTransaction", "identifier, [reason: \"other\" | \"developerIssue\"]",
           "revokes a transaction; the change arrives through the update stream",
           R"({"id":1,"store":"refundTransaction","identifier":2})"},
