@@ -379,11 +379,21 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
   if (group && isActive(*group)) {
     auto latest = draftOf(group->latestID);
     if (!latest) return existing(group->latestID);
-    if (latest->row.productID == product.productID) return existing(latest->row.id);
+    if (latest->row.productID == product.productID) {
+      // Buying the current product again takes back a move waiting for the next renewal.
+      if (group->pendingProductID) {
+        group->pendingProductID.reset();
+        group->autoRenew = true;
+        putGroup(write, *group);
+      }
+      return existing(latest->row.id);
+    }
     const auto* current = configuration.product(latest->row.productID);
     const auto currentLevel = current ? current->groupLevel : product.groupLevel;
-    if (product.groupLevel > currentLevel) {
-      // A move to a lower tier waits for the next renewal.
+    const bool sameDuration = !current || current->period == product.period;
+    // A move to a lower tier, or across the same tier to another duration, waits for the next
+    // renewal; a move up, or across to the same duration, happens at once.
+    if (product.groupLevel > currentLevel || (product.groupLevel == currentLevel && !sameDuration)) {
       group->pendingProductID = product.productID;
       group->autoRenew = true;
       putGroup(write, *group);

