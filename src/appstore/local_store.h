@@ -223,6 +223,11 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
                                                  bool consentRequired = true);
   void consentToPriceIncrease(std::uint64_t identifier);
   void declinePriceIncrease(std::uint64_t identifier);
+  // A family member shares a family-shareable product with this account: a transaction owned
+  // as family shared, delivered through the update stream. Revoking it (the purchaser left
+  // the family, or stopped sharing) revokes that transaction, also through the updates.
+  SignedTransaction shareWithFamily(const std::string& productID);
+  void revokeFamilySharing(std::uint64_t identifier);
 
   // Makes `api` fail with `error` until cleared with nothing. Throws std::invalid_argument
   // for an error that cannot be simulated for that call (StoreFailure::fits).

@@ -376,6 +376,37 @@ void LocalStore::declinePriceIncrease(std::uint64_t identifier) {
   wakeRenewals();
 }
 
+SignedTransaction LocalStore::shareWithFamily(const std::string& productID) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  const auto* product = state.configuration.product(productID);
+  if (!product) invalid("no product " + productID);
+  if (!product->familyShareable) invalid(productID + " is not family shareable");
+  if (product->kind == ConfiguredProduct::Kind::consumable) invalid("consumables cannot be shared");
+  SignedTransaction shared;
+  state.commit([&](LedgerWrite& write) { shared = state.shareWithFamily(write, *product); });
+  state.broadcast({shared});
+  wakeRenewals();
+  return shared;
+}
+
+void LocalStore::revokeFamilySharing(std::uint64_t identifier) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  auto draft = state.draftOf(identifier);
+  const auto* ownership = draft ? draft->payload.if_contains("inAppOwnershipType") : nullptr;
+  if (!ownership || *ownership != "FAMILY_SHARED") {
+    invalid("transaction " + idText(identifier) + " is not shared by the family");
+  }
+  if (draft->row.revocationDate) invalid("transaction " + idText(identifier) + " is already revoked");
+  draft->payload["revocationDate"] = platform::millisecondsSince1970(state.now());
+  draft->payload["revocationReason"] = 0;
+  draft->payload["revocationType"] = "FAMILY_REVOKE";
+  SignedTransaction revoked;
+  state.commit([&](LedgerWrite& write) { revoked = state.sign(write, *draft); });
+  state.broadcast({revoked});
+}
+
 void LocalStore::setSimulatedError(StoreKitAPI api, std::optional<StoreFailure> error) {
   if (error && !error->fits(api)) invalid("this error cannot be simulated for that call");
   std::lock_guard lock(mutex_);

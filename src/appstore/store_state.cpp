@@ -333,6 +333,15 @@ Draft LocalStore::State::newTransaction(const ConfiguredProduct& product, const 
   return draft;
 }
 
+SignedTransaction LocalStore::State::shareWithFamily(LedgerWrite& write, const ConfiguredProduct& product) {
+  CheckedRequest request;
+  request.productID = product.productID;
+  auto draft = newTransaction(product, request, "PURCHASE", now(), std::nullopt, nullptr, std::nullopt);
+  draft.payload["inAppOwnershipType"] = "FAMILY_SHARED";
+  putCounters(write);
+  return sign(write, draft);
+}
+
 SignedTransaction LocalStore::State::sign(LedgerWrite& write, Draft& draft) {
   draft.payload["signedDate"] = platform::millisecondsSince1970(now());
   takeColumnsFromPayload(draft);

@@ -83,6 +83,9 @@ class LocalStore::State {
   SignedTransaction completePurchase(LedgerWrite& write, const ConfiguredProduct& product,
                                      const CheckedRequest& request,
                                      std::optional<std::uint64_t> presetID, bool& created);
+  // Access a family member's purchase of `product` gives this account: a transaction of its
+  // own, owned as family shared. Writes through `write`.
+  SignedTransaction shareWithFamily(LedgerWrite& write, const ConfiguredProduct& product);
   // A purchase that waits (ask to buy) or failed in the app (interrupted).
   void putWaitingRequest(LedgerWrite& write, std::uint64_t id, const CheckedRequest& request,
                          TestTransaction::State state);

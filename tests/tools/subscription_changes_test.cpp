@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include <algorithm>
 
 #include <string>
 #include <vector>
@@ -70,6 +73,47 @@ TEST(SubscriptionChanges, UpAtOnceDownOrToAnotherDurationAtTheNextRenewal) {
   EXPECT_EQ(status.at("renewalInfo").at("productId"), "standard.monthly");
   EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{events[0].at("id").as_int64()});
   EXPECT_EQ(history(session).size(), 4u);
+}
+
+TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) {
+  Session session({}, kPlans);
+  const auto ownership = [](const json::object& t) { return t.at("ownershipType").as_int64(); };
+  std::vector<std::int64_t> shared;
+  for (const char* product : {"album", "premium.yearly"}) {
+    const auto answer = session.control(R"("store":"shareWithFamily","productID":")" +
+                                        std::string(product) + R"(")");
+    shared.push_back(answer.at("transactionId").as_int64());
+  }
+  session.call("GetStorefront");  // the events of the lines before come before its answer
+  auto events = session.newEvents();
+  ASSERT_EQ(events.size(), 2u);
+  for (const auto& event : events) EXPECT_EQ(ownership(event), 2) << json::serialize(event);
+  EXPECT_EQ(session.entitlements(), shared);
+  const auto listing = session.call("GetCurrentEntitlements");
+  for (const auto& t : listing.at("envelope").at("success").at("transactions").as_array()) {
+    EXPECT_EQ(ownership(t.as_object()), 2);
+  }
+
+  // Not every product can be shared; only shared transactions can be revoked.
+  const auto own = purchase(session, "standard.monthly");
+  for (const std::string& line :
+       {std::string(R"({"id":"x","store":"shareWithFamily","productID":"standard.monthly"})"),
+        R"({"id":"y","store":"revokeFamilySharing","identifier":)" + std::to_string(own) + "}"}) {
+    RunningDriver driver(kPlans);
+    const auto answer = driver.ask(line);
+    ASSERT_TRUE(answer);
+    EXPECT_NE(answer->find(R"("error":)"), std::string::npos) << *answer;
+  }
+
+  session.control(R"("store":"revokeFamilySharing","identifier":)" + std::to_string(shared[0]));
+  session.call("GetStorefront");  // the events of the lines before come before its answer
+  events = session.newEvents();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].at("id"), shared[0]);
+  EXPECT_TRUE(events[0].contains("revocationDate"));
+  EXPECT_EQ(ownership(events[0]), 2);
+  const auto entitled = session.entitlements();
+  EXPECT_EQ(std::count(entitled.begin(), entitled.end(), shared[0]), 0);
 }
 
 }  // namespace

@@ -297,6 +297,16 @@ const std::map<std::string, Control, std::less<>>& controls() {
                a.has("consentRequired") ? a.boolean("consentRequired") : true);
            return object{};
          }});
+    add({{"shareWithFamily", "productID",
+          "a family member shares a family-shareable product: a transaction owned as family "
+          "shared, delivered through the update stream",
+          R"({"id":1,"store":"shareWithFamily","productID":"com.example.album"})"},
+         [](LocalStore& s, const Arguments& a) {
+           return object{{"transactionId", s.shareWithFamily(a.string("productID")).id}};
+         }});
+    byIdentifier("revokeFamilySharing",
+                 "the family member stops sharing: the transaction is revoked, through the updates",
+                 &LocalStore::revokeFamilySharing);
     byIdentifier("consentToPriceIncrease", "the customer agrees to the price increase",
                  &LocalStore::consentToPriceIncrease);
     byIdentifier("declinePriceIncrease",
