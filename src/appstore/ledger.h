@@ -77,6 +77,8 @@ struct LedgerGroup {
   std::optional<int> priceIncreaseStatus;            // 0 asked and unanswered, 1 consented
   std::string renewalPrice;  // the next renewal's price (decimal text) when it is not the product's
   std::string signedRenewalInfo;  // the compact JWS of the renewal info, current after every change
+  // The renewal-date extensions granted, as JSON: [{"request", "date", "days", "effective"}].
+  std::string extensions;
 };
 
 // Which transactions a list query answers, in id order.

@@ -70,6 +70,7 @@ void upgradeSchema(SQLite::Database& database, int from) {
         ALTER TABLE subscription_groups ADD COLUMN price_increase_status INTEGER;
         ALTER TABLE subscription_groups ADD COLUMN renewal_price TEXT NOT NULL DEFAULT '';
         ALTER TABLE subscription_groups ADD COLUMN signed_renewal_info TEXT NOT NULL DEFAULT '';
+        ALTER TABLE subscription_groups ADD COLUMN extensions TEXT NOT NULL DEFAULT '';
       )sql");
       break;
   }

@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <stop_token>
 #include <string>
 #include <thread>
@@ -49,6 +50,41 @@ struct SubscriptionStatus {
   RenewalStatus status = RenewalStatus::subscribed;
   SignedTransaction transaction;
   std::string signedRenewalInfo;
+};
+
+// A renewal-date extension of one subscription, as the App Store Server API asks for it.
+struct RenewalExtensionRequest {
+  std::uint64_t originalTransactionID = 0;
+  std::int64_t extendByDays = 0;  // 1 to 90
+  std::int64_t extendReasonCode = 0;  // 0 undeclared, 1 customer satisfaction, 2 other, 3 outage
+  std::string requestIdentifier;  // 1 to 128 characters; the same one again changes nothing
+};
+
+struct RenewalExtensionResult {
+  std::uint64_t originalTransactionID = 0;
+  std::string webOrderLineItemID;
+  bool success = true;
+  platform::Date effectiveDate;  // the new expiry
+};
+
+// Why the store turns an extension down.
+class RenewalExtensionRefused : public std::runtime_error {
+ public:
+  enum class Reason {
+    invalidExtendByDays,
+    invalidExtendReasonCode,
+    invalidRequestIdentifier,
+    notFound,       // no subscription with that original transaction id
+    ineligible,     // not active, in billing retry or grace, or in a free offer period
+    maximumReached, // two extensions already in the last 365 days
+    familyShared,   // a family member's access, not a purchase of this account
+  };
+  RenewalExtensionRefused(Reason reason, const std::string& message)
+      : std::runtime_error(message), reason_(reason) {}
+  Reason reason() const { return reason_; }
+
+ private:
+  Reason reason_;
 };
 
 // What a device asks to buy, with the options of its purchase call.
@@ -228,6 +264,9 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // the family, or stopped sharing) revokes that transaction, also through the updates.
   SignedTransaction shareWithFamily(const std::string& productID);
   void revokeFamilySharing(std::uint64_t identifier);
+  // Moves the subscription's expiry on by the request's days (scaled by the time rate as its
+  // periods are) and signs its latest transaction again. Throws RenewalExtensionRefused.
+  RenewalExtensionResult extendRenewalDate(const RenewalExtensionRequest& request);
 
   // Makes `api` fail with `error` until cleared with nothing. Throws std::invalid_argument
   // for an error that cannot be simulated for that call (StoreFailure::fits).

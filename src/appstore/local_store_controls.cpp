@@ -407,6 +407,15 @@ void LocalStore::revokeFamilySharing(std::uint64_t identifier) {
   state.broadcast({revoked});
 }
 
+RenewalExtensionResult LocalStore::extendRenewalDate(const RenewalExtensionRequest& request) {
+  std::lock_guard lock(mutex_);
+  auto& state = *state_;
+  RenewalExtensionResult result;
+  state.commit([&](LedgerWrite& write) { result = state.extendRenewalDate(write, request); });
+  wakeRenewals();
+  return result;
+}
+
 void LocalStore::setSimulatedError(StoreKitAPI api, std::optional<StoreFailure> error) {
   if (error && !error->fits(api)) invalid("this error cannot be simulated for that call");
   std::lock_guard lock(mutex_);

@@ -191,6 +191,78 @@ std::optional<SignedTransaction> LocalStore::State::recoverBillingIssue(LedgerWr
   return std::nullopt;
 }
 
+RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
+                                                           const RenewalExtensionRequest& request) {
+  using Reason = RenewalExtensionRefused::Reason;
+  const auto refuse = [](Reason reason, const std::string& why) {
+    throw RenewalExtensionRefused(reason, why);
+  };
+  if (request.extendByDays < 1 || request.extendByDays > 90) {
+    refuse(Reason::invalidExtendByDays, "extendByDays must be 1 to 90");
+  }
+  if (request.extendReasonCode < 0 || request.extendReasonCode > 3) {
+    refuse(Reason::invalidExtendReasonCode, "extendReasonCode must be 0 to 3");
+  }
+  if (request.requestIdentifier.empty() || request.requestIdentifier.size() > 128) {
+    refuse(Reason::invalidRequestIdentifier, "requestIdentifier must be 1 to 128 characters");
+  }
+  const auto found = std::find_if(groups.begin(), groups.end(), [&](const auto& entry) {
+    return entry.second.originalID == request.originalTransactionID;
+  });
+  if (found == groups.end()) {
+    const auto row = ledger->transaction(request.originalTransactionID);
+    const auto shared = row ? payloadOf(*row).if_contains("inAppOwnershipType") : nullptr;
+    if (shared && *shared == "FAMILY_SHARED") {
+      refuse(Reason::familyShared, "a family member's access cannot be extended directly");
+    }
+    refuse(Reason::notFound, "no subscription " + std::to_string(request.originalTransactionID));
+  }
+  auto group = found->second;
+  const auto current = now();
+  json::error_code ec;
+  auto granted = json::parse(group.extensions.empty() ? "[]" : group.extensions, ec);
+  if (ec || !granted.is_array()) granted = json::array{};
+  auto latest = draftOf(group.latestID);
+  if (!latest) refuse(Reason::notFound, "no subscription " + std::to_string(request.originalTransactionID));
+  const auto* webOrder = latest->payload.if_contains("webOrderLineItemId");
+  const std::string webOrderLineItemID = webOrder && webOrder->is_string() ? std::string(webOrder->get_string()) : "";
+  // The same request again answers as the first time did.
+  for (const auto& entry : granted.as_array()) {
+    const auto* id = entry.is_object() ? entry.as_object().if_contains("request") : nullptr;
+    if (id && id->is_string() && id->get_string() == request.requestIdentifier) {
+      const auto effective = entry.as_object().if_contains("effective");
+      return {group.originalID, webOrderLineItemID, true,
+              platform::dateFromMillisecondsSince1970(effective ? effective->to_number<std::int64_t>() : 0)};
+    }
+  }
+  const auto* offer = latest->payload.if_contains("offerDiscountType");
+  if (!isActive(group) || group.status != RenewalStatus::subscribed ||
+      (offer && *offer == "FREE_TRIAL")) {
+    refuse(Reason::ineligible, "the subscription is not active in a paid period");
+  }
+  int recent = 0;
+  for (const auto& entry : granted.as_array()) {
+    const auto* date = entry.is_object() ? entry.as_object().if_contains("date") : nullptr;
+    if (date && platform::dateFromMillisecondsSince1970(date->to_number<std::int64_t>()) >
+                    current - std::chrono::days(365)) {
+      ++recent;
+    }
+  }
+  if (recent >= 2) refuse(Reason::maximumReached, "two extensions were granted in the last 365 days");
+
+  const auto effective = *latest->row.expiresDate + scaledDays(request.extendByDays, settings.timeRate);
+  latest->payload["expiresDate"] = platform::millisecondsSince1970(effective);
+  sign(write, *latest);
+  granted.as_array().push_back({{"request", request.requestIdentifier},
+                                {"date", platform::millisecondsSince1970(current)},
+                                {"days", request.extendByDays},
+                                {"reason", request.extendReasonCode},
+                                {"effective", platform::millisecondsSince1970(effective)}});
+  group.extensions = json::serialize(granted);
+  putGroup(write, group);
+  return {group.originalID, webOrderLineItemID, true, effective};
+}
+
 std::string LocalStore::State::signedRenewalInfo(const LedgerGroup& group) {
   const auto latest = ledger->transaction(group.latestID);
   if (!latest) return {};

@@ -104,6 +104,7 @@ class LocalStore::State {
   // The billing issue of the subscription whose latest transaction is `latestID` resolved: the
   // renewal that failed happens now. Nothing when there is no such issue.
   std::optional<SignedTransaction> recoverBillingIssue(LedgerWrite& write, std::uint64_t latestID);
+  RenewalExtensionResult extendRenewalDate(LedgerWrite& write, const RenewalExtensionRequest& request);
   // The renewal info the store signs for `group` as it stands.
   std::string signedRenewalInfo(const LedgerGroup& group);
 

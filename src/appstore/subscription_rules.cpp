@@ -104,6 +104,12 @@ std::chrono::milliseconds billingRetryLength(int timeRate) {
   return hours(24 * kBillingRetryDays);
 }
 
+std::chrono::milliseconds scaledDays(std::int64_t days, int timeRate) {
+  if (const auto* row = scaledLengths(timeRate)) return days * row->month / 30;
+  if (isDayScaled(timeRate)) return days * milliseconds(seconds(1));
+  return days * milliseconds(hours(24));
+}
+
 platform::Date periodEnd(platform::Date start, const SubscriptionPeriod& period, int timeRate) {
   using Unit = SubscriptionPeriod::Unit;
   if (const auto* row = scaledLengths(timeRate)) {

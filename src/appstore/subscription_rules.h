@@ -40,5 +40,8 @@ platform::Date periodEnd(platform::Date start, const SubscriptionPeriod& period,
 // Store retries billing before the subscription expires, on a store running at `timeRate`.
 std::chrono::milliseconds gracePeriodLength(const SubscriptionPeriod& period, int timeRate);
 std::chrono::milliseconds billingRetryLength(int timeRate);
+// `days` of subscription on a store running at `timeRate` (a month's worth of days takes a
+// monthly period's length).
+std::chrono::milliseconds scaledDays(std::int64_t days, int timeRate);
 
 }  // namespace appstore

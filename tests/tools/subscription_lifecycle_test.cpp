@@ -175,4 +175,70 @@ TEST(SubscriptionLifecycle, PriceIncreasesRenewAtTheNewPriceOnlyWithConsentOrWhe
   }
 }
 
+TEST(SubscriptionLifecycle, ExtensionsMoveTheRenewalDateTwiceAYearAtMost) {
+  for (const auto& [rate, day] : {std::pair{0, milliseconds(days(1))}, std::pair{13, milliseconds(10'000)}}) {
+    SCOPED_TRACE("time rate " + std::to_string(rate));
+    Session session({R"("store":"timeRate","value":)" + std::to_string(rate)});
+    const auto extend = [&](std::int64_t id, int days, const std::string& request) {
+      return session.control(R"("store":"extendRenewalDate","originalTransactionId":)" +
+                             std::to_string(id) + R"(,"extendByDays":)" + std::to_string(days) +
+                             R"(,"requestIdentifier":")" + request + R"(")");
+    };
+    const auto bought = buy(session);  // pay as you go: a paid period
+    const auto renewalDate = info(session.status(), "renewalDate");
+    const auto first = extend(bought.id, 10, "first");
+    const auto effective = [](const json::value& answer) {
+      return platform::millisecondsSince1970(*platform::parseRFC3339(answer.at("effectiveDate").as_string()));
+    };
+    EXPECT_EQ(effective(first), renewalDate + 10 * day.count());
+    EXPECT_EQ(info(session.status(), "renewalDate"), effective(first));
+    // The same request again changes nothing.
+    EXPECT_EQ(effective(extend(bought.id, 10, "first")), effective(first));
+    EXPECT_EQ(effective(extend(bought.id, 90, "second")), effective(first) + 90 * day.count());
+    // Still entitled until the new date, and renewed from it.
+    session.advance(milliseconds(effective(first) - renewalDate) + bought.period);
+    EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{bought.id});
+    EXPECT_TRUE(session.newEvents().empty());
+    session.advance(90 * day + seconds(5));
+    (void)session.status();
+    const auto events = session.newEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(platform::millisecondsSince1970(*platform::parseRFC3339(events[0].at("purchaseDate").as_string())),
+              effective(first) + 90 * day.count());
+  }
+}
+
+TEST(SubscriptionLifecycle, ExtensionsRefusedNameTheirReason) {
+  const std::string extend = R"({"id":"e","store":"extendRenewalDate","originalTransactionId":)";
+  const auto twice = extend + R"(1,"extendByDays":1,"requestIdentifier":"r1"})";
+  const auto again = extend + R"(1,"extendByDays":1,"requestIdentifier":"r2"})";
+  const auto buyBasic = R"({"id":"b","call":"Purchase","payload":{"productId":")" + kBasic + R"("}})";
+  const auto buyPro = R"({"id":"b","call":"Purchase","payload":{"productId":")" + kPro + R"("}})";
+  const struct {
+    std::vector<std::string> before;
+    std::string line, reason;
+  } cases[] = {
+      {{buyBasic}, extend + R"(1,"extendByDays":0,"requestIdentifier":"r"})", "invalidExtendByDays"},
+      {{buyBasic}, extend + R"(1,"extendByDays":91,"requestIdentifier":"r"})", "invalidExtendByDays"},
+      {{buyBasic}, extend + R"(1,"extendByDays":1,"extendReasonCode":4,"requestIdentifier":"r"})",
+       "invalidExtendReasonCode"},
+      {{buyBasic}, extend + R"(1,"extendByDays":1,"requestIdentifier":""})", "invalidRequestIdentifier"},
+      {{buyBasic}, extend + R"(1,"extendByDays":1,"requestIdentifier":")" + std::string(129, 'x') + R"("})",
+       "invalidRequestIdentifier"},
+      {{}, extend + R"(1,"extendByDays":1,"requestIdentifier":"r"})", "notFound"},
+      {{buyPro}, extend + R"(1,"extendByDays":1,"requestIdentifier":"r"})", "ineligible"},  // free trial
+      {{buyBasic, R"({"id":"x","store":"expireSubscription","productID":")" + kBasic + R"("})"},
+       extend + R"(1,"extendByDays":1,"requestIdentifier":"r"})", "ineligible"},
+      {{buyBasic, twice, again}, extend + R"(1,"extendByDays":1,"requestIdentifier":"r3"})", "maximumReached"},
+  };
+  for (const auto& row : cases) {
+    auto input = row.before;
+    input.push_back(row.line);
+    const auto run = runDriver(input);
+    ASSERT_EQ(run.lines.size(), input.size()) << run.errors;
+    EXPECT_EQ(run.lines.back().rfind(R"({"id":"e","error":")" + row.reason + ": ", 0), 0u)
+        << row.line << "\n  " << run.lines.back();
+  }
+}
+
 }  // namespace

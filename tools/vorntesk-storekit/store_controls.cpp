@@ -122,6 +122,20 @@ appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
   return request;
 }
 
+const char* extensionRefusalName(appstore::RenewalExtensionRefused::Reason reason) {
+  using Reason = appstore::RenewalExtensionRefused::Reason;
+  switch (reason) {
+    case Reason::invalidExtendByDays: return "invalidExtendByDays";
+    case Reason::invalidExtendReasonCode: return "invalidExtendReasonCode";
+    case Reason::invalidRequestIdentifier: return "invalidRequestIdentifier";
+    case Reason::notFound: return "notFound";
+    case Reason::ineligible: return "ineligible";
+    case Reason::maximumReached: return "maximumReached";
+    case Reason::familyShared: return "familyShared";
+  }
+  return "refused";
+}
+
 // The payload of a compact JWS the store signed, as JSON (null if it cannot be read).
 boost::json::value jwsPayload(const std::string& jws) {
   const auto first = jws.find('.'), last = jws.rfind('.');
@@ -307,6 +321,28 @@ const std::map<std::string, Control, std::less<>>& controls() {
     byIdentifier("revokeFamilySharing",
                  "the family member stops sharing: the transaction is revoked, through the updates",
                  &LocalStore::revokeFamilySharing);
+    add({{"extendRenewalDate",
+          "originalTransactionId, extendByDays (1-90), [extendReasonCode: 0-3], requestIdentifier",
+          "moves a subscription's renewal date on, as the App Store Server API's extension does",
+          R"({"id":1,"store":"extendRenewalDate","originalTransactionId":1,"extendByDays":7,)"
+          R"("requestIdentifier":"outage-1"})"},
+         [](LocalStore& s, const Arguments& a) {
+           appstore::RenewalExtensionRequest request;
+           request.originalTransactionID = a.identifier("originalTransactionId");
+           request.extendByDays = a.integer("extendByDays");
+           if (a.has("extendReasonCode")) request.extendReasonCode = a.integer("extendReasonCode");
+           request.requestIdentifier = a.string("requestIdentifier");
+           try {
+             const auto result = s.extendRenewalDate(request);
+             return object{{"originalTransactionId", result.originalTransactionID},
+                           {"webOrderLineItemId", result.webOrderLineItemID},
+                           {"success", result.success},
+                           {"effectiveDate", platform::formatRFC3339(result.effectiveDate)}};
+           } catch (const appstore::RenewalExtensionRefused& refused) {
+             throw ControlError(std::string(extensionRefusalName(refused.reason())) + ": " +
+                                refused.what());
+           }
+         }});
     byIdentifier("consentToPriceIncrease", "the customer agrees to the price increase",
                  &LocalStore::consentToPriceIncrease);
     byIdentifier("declinePriceIncrease",
