@@ -75,6 +75,35 @@ TEST(SubscriptionChanges, UpAtOnceDownOrToAnotherDurationAtTheNextRenewal) {
   EXPECT_EQ(history(session).size(), 4u);
 }
 
+// Xcode's billing switches set in the file itself: purchases interrupted until resolved,
+// renewals failing into the grace period, all at a monthly renewal every 5 minutes.
+TEST(SubscriptionChanges, AFileWithEveryBillingSettingOnBehavesAsItSays) {
+  Session session({}, {"--config", VORNTESK_SOURCE_DIR "/tests/tools/data/billing.storekit"});
+  EXPECT_EQ(session.control(R"("store":"timeRate")").at("value"), 13);
+  const auto interrupted = session.call("Purchase", R"({"productId":"standard.monthly"})");
+  EXPECT_EQ(interrupted.at("envelope").at("outcome").at("code"), "user_canceled");
+  EXPECT_TRUE(session.entitlements().empty());
+  session.control(R"("store":"interruptedPurchasesEnabled","value":false)");
+  session.control(R"("store":"resolveIssueForTransaction","identifier":1)");
+  EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{1});
+  auto events = session.newEvents();
+  ASSERT_EQ(events.size(), 1u);
+  const auto expires = platform::parseRFC3339(events[0].at("expirationDate").as_string());
+  const auto purchased = platform::parseRFC3339(events[0].at("purchaseDate").as_string());
+  EXPECT_EQ(*expires - *purchased, minutes(5));
+
+  session.advance(minutes(5) + seconds(5));
+  auto status = session.status("G1");
+  EXPECT_EQ(status.at("status"), 4);
+  EXPECT_EQ(info(status, "gracePeriodExpiresDate") - info(status, "renewalDate"), 150'000);
+  EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{1});
+  session.advance(minutes(10));
+  status = session.status("G1");
+  EXPECT_EQ(status.at("status"), 2);
+  EXPECT_EQ(info(status, "expirationIntent"), 2);
+  EXPECT_TRUE(session.newEvents().empty());
+}
+
 TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) {
   Session session({}, kPlans);
   const auto ownership = [](const json::object& t) { return t.at("ownershipType").as_int64(); };
