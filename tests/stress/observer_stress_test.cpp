@@ -26,7 +26,11 @@ struct Loop {
   std::stop_token token;
   std::vector<std::uint64_t> ids;  // the transaction ids it emitted, in order
   std::atomic<bool> registering{true};
-  // Updates made when its cancellation was asked; kUnknown if asked before its first event.
+  // Cancelled before the test's stop call began: by the end of the loop before it, which
+  // stops whatever loop is current, at an instant the test does not know.
+  std::atomic<bool> cancelledEarlier{false};
+  // Updates made when its cancellation was asked; kUnknown if asked before its first event or
+  // not by the test's own stop call.
   std::atomic<std::size_t> madeBeforeCancel{kUnknown};
   std::unique_ptr<std::stop_callback<std::function<void()>>> watch;
 };
@@ -37,6 +41,11 @@ struct Book {
   // handed to the loop before its cancellation, so it must emit at least that many. (Reading
   // `made` in the stop callback instead would count updates made after the loop stopped.)
   std::atomic<std::size_t> madeBeforeStopping{0};
+  // While the test's stop call runs. A cancellation seen then, of a loop not already
+  // cancelled when the call began, was asked after madeBeforeStopping was read. One seen at
+  // another time may come from a loop's end, whose cancellation is asked before its callbacks
+  // run, while the test goes on storing newer counts.
+  std::atomic<bool> stopping{false};
   std::mutex mutex;                  // guards loops and wrongEvents
   std::vector<std::unique_ptr<Loop>> loops;
   std::size_t wrongEvents = 0;
@@ -58,7 +67,9 @@ struct Book {
       // Runs at once if cancellation was already asked: too late to know when.
       loop->watch =
           std::make_unique<std::stop_callback<std::function<void()>>>(token, [this, loop] {
-            if (!loop->registering.load()) loop->madeBeforeCancel.store(madeBeforeStopping.load());
+            if (!loop->registering.load() && stopping.load() && !loop->cancelledEarlier.load()) {
+              loop->madeBeforeCancel.store(madeBeforeStopping.load());
+            }
           });
       loop->registering.store(false);
     }
@@ -104,7 +115,15 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
     EXPECT_EQ(call("StartTransactionObserver"), R"({"success":{}})");
     waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 64)(random));
     book->madeBeforeStopping.store(book->made.load());
+    {
+      std::lock_guard lock(book->mutex);
+      for (auto& loop : book->loops) {
+        if (loop->token.stop_requested()) loop->cancelledEarlier.store(true);
+      }
+      book->stopping.store(true);
+    }
     EXPECT_EQ(call("StopTransactionObserver"), R"({"success":{}})");
+    book->stopping.store(false);
     waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 8)(random));
   }
   pusher.join();
