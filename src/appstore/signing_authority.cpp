@@ -128,8 +128,7 @@ std::shared_ptr<const SigningAuthority> SigningAuthority::generate() {
 }
 
 std::shared_ptr<const SigningAuthority> SigningAuthority::restore(const Stored& stored) {
-  Owned<BIO> in(BIO_new_mem_buf(stored.leafKeyPEM.data(), static_cast<int>(stored.leafKeyPEM.size())));
-  Owned<EVP_PKEY> leafKey(in ? PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr) : nullptr);
+  auto leafKey = platform::privateKeyFromPEM(stored.leafKeyPEM);
   auto leaf = platform::certificateFromDER(stored.leafDER);
   if (!leafKey || !leaf || !platform::certificateFromDER(stored.intermediateDER) || !platform::certificateFromDER(stored.rootDER) ||
       X509_check_private_key(leaf.get(), leafKey.get()) != 1) {
@@ -146,14 +145,9 @@ std::shared_ptr<const SigningAuthority> SigningAuthority::restore(const Stored& 
 }
 
 SigningAuthority::Stored SigningAuthority::stored() const {
-  Owned<BIO> out(BIO_new(BIO_s_mem()));
-  if (!out || PEM_write_bio_PrivateKey(out.get(), keys_->leaf.get(), nullptr, nullptr, 0, nullptr,
-                                       nullptr) != 1) {
-    fail("cannot write the signing key");
-  }
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(out.get(), &data);
-  return {std::string(data, static_cast<std::size_t>(length)), rootDER_, intermediateDER_, leafDER_};
+  auto keyPEM = platform::privateKeyPEM(keys_->leaf.get());
+  if (keyPEM.empty()) fail("cannot write the signing key");
+  return {std::move(keyPEM), rootDER_, intermediateDER_, leafDER_};
 }
 
 std::string SigningAuthority::rootCertificatePEM() const {
@@ -178,30 +172,10 @@ void SigningAuthority::makeHeader() {
 
 std::string SigningAuthority::sign(std::string_view payload) const {
   std::string token = headerSegment_ + "." + platform::base64URLEncode(payload);
-  Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-  std::size_t length = 0;
-  if (!context ||
-      EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, keys_->leaf.get()) != 1 ||
-      EVP_DigestSign(context.get(), nullptr, &length,
-                     reinterpret_cast<const unsigned char*>(token.data()), token.size()) != 1) {
-    fail("cannot sign");
-  }
-  std::string der(length, '\0');
-  if (EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(der.data()), &length,
-                     reinterpret_cast<const unsigned char*>(token.data()), token.size()) != 1) {
-    fail("cannot sign");
-  }
-  const auto* in = reinterpret_cast<const unsigned char*>(der.data());
-  Owned<ECDSA_SIG> signature(d2i_ECDSA_SIG(nullptr, &in, static_cast<long>(length)));
-  if (!signature) fail("cannot read the signature");
-  // JOSE wants r and s as two fixed 32-byte big-endian integers, not the DER sequence.
-  std::array<unsigned char, 64> raw{};
-  if (BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), raw.data(), 32) != 32 ||
-      BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), raw.data() + 32, 32) != 32) {
-    fail("cannot encode the signature");
-  }
+  const auto raw = platform::signES256(keys_->leaf.get(), token);
+  if (raw.empty()) fail("cannot sign");
   token += '.';
-  token += platform::base64URLEncode(std::string_view(reinterpret_cast<const char*>(raw.data()), raw.size()));
+  token += platform::base64URLEncode(raw);
   return token;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include <openssl/bio.h>
@@ -37,5 +38,16 @@ bool initializeOpenSSL();
 
 // The certificate of exactly these DER bytes; nothing when they are not one certificate.
 OpenSSLOwned<X509> certificateFromDER(std::string_view der);
+
+// A private key from PEM (PKCS#8, or the traditional forms OpenSSL reads); null if none.
+OpenSSLOwned<EVP_PKEY> privateKeyFromPEM(std::string_view pem);
+// The private key as PKCS#8 PEM (what App Store Connect's .p8 files hold); empty on failure.
+std::string privateKeyPEM(EVP_PKEY* key);
+
+// ES256 as JOSE writes it: the signature of `signingInput` under a P-256 key, as the two
+// 32-byte big-endian integers r and s (64 bytes); empty on failure.
+std::string signES256(EVP_PKEY* key, std::string_view signingInput);
+// Whether `rawSignature` (64 bytes, r then s) signs `signingInput` under `key`'s public key.
+bool verifyES256(EVP_PKEY* key, std::string_view signingInput, std::string_view rawSignature);
 
 }  // namespace platform

@@ -219,28 +219,9 @@ std::string verifyJWS(std::string_view jws, std::string_view trustedRootDER,
                                       {chain[0].get(), chain[1].get(), root.get()});
   }
 
-  if (signature->size() != 64) reject(Code::invalidSignature);
-  const auto* bytes = reinterpret_cast<const unsigned char*>(signature->data());
-  Owned<ECDSA_SIG> ecdsa(ECDSA_SIG_new());
-  BIGNUM* r = BN_bin2bn(bytes, 32, nullptr);
-  BIGNUM* s = BN_bin2bn(bytes + 32, 32, nullptr);
-  if (!ecdsa || !r || !s || ECDSA_SIG_set0(ecdsa.get(), r, s) != 1) {
-    BN_free(r);
-    BN_free(s);
+  if (!platform::verifyES256(X509_get0_pubkey(chain[0].get()), segments->signingInput, *signature)) {
     reject(Code::invalidSignature);
   }
-  unsigned char* der = nullptr;
-  const int derLength = i2d_ECDSA_SIG(ecdsa.get(), &der);
-  Owned<EVP_MD_CTX> verifier(EVP_MD_CTX_new());
-  const bool valid =
-      derLength > 0 && verifier &&
-      EVP_DigestVerifyInit(verifier.get(), nullptr, EVP_sha256(), nullptr,
-                           X509_get0_pubkey(chain[0].get())) == 1 &&
-      EVP_DigestVerify(verifier.get(), der, static_cast<std::size_t>(derLength),
-                       reinterpret_cast<const unsigned char*>(segments->signingInput.data()),
-                       segments->signingInput.size()) == 1;
-  OPENSSL_free(der);
-  if (!valid) reject(Code::invalidSignature);
   return std::move(*payload);
 }
 
