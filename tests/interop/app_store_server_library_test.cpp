@@ -41,7 +41,7 @@ class AppStoreServerLibrary : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(dir_);
-    for (const char* file : {"package.json", "verify.cjs"}) {
+    for (const char* file : {"package.json", "verify.cjs", "server_client.cjs"}) {
       fs::copy_file(fs::path(VORNTESK_SOURCE_DIR "/tests/interop") / file, dir_ / file,
                     fs::copy_options::overwrite_existing);
     }
@@ -67,10 +67,15 @@ class AppStoreServerLibrary : public ::testing::Test {
 
   // What SignedDataVerifier makes of each item of `input` (see verify.cjs), under `name`.
   json::array verify(const json::object& input, const std::string& name) {
+    return node("verify.cjs", input, name);
+  }
+
+  // What `script` prints for `input`, parsed; an empty array if it fails.
+  json::array node(const std::string& script, const json::object& input, const std::string& name) {
     std::ofstream(dir_ / (name + ".json")) << json::serialize(input);
     const auto output = dir_ / (name + "-output.json");
     const auto errors = dir_ / (name + "-error.log");
-    EXPECT_EQ(run("cd '" + dir_.string() + "' && node verify.cjs " + name + ".json > '" +
+    EXPECT_EQ(run("cd '" + dir_.string() + "' && node " + script + " " + name + ".json > '" +
                   output.string() + "' 2> '" + errors.string() + "'"),
               0)
         << readFile(errors);
@@ -282,6 +287,50 @@ TEST_F(AppStoreServerLibrary, VerifiesTheRenewalInfoOfEveryState) {
     ASSERT_TRUE(results[i].at("ok").as_bool()) << i << ": " << json::serialize(results[i]);
     EXPECT_EQ(results[i].at("decoded"), ours[i]) << i;
   }
+}
+
+// Apple's AppStoreServerAPIClient against the driver's App Store Server API: each purchase's
+// transaction info, verified, is the transaction the app was handed; unknown and malformed
+// ids get Apple's errors, which the library reads.
+TEST_F(AppStoreServerLibrary, ItsAPIClientReadsTransactionInfoFromTheLocalServer) {
+  std::string pattern = (fs::temp_directory_path() / "interop_server.XXXXXX").string();
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  const fs::path temp = pattern;
+  testsupport::RunningDriver driver({"--environment", "Sandbox", "--server", "0", "--api-key",
+                                     (temp / "key.p8").string(), "--key-id", "LOCALKEY01",
+                                     "--issuer-id", "57246542-96fe-1a63-e053-0824d011072a"});
+  std::vector<std::string> handed;
+  for (const char* product : {"com.vorntesk.sample.coins100", "com.vorntesk.sample.removeads",
+                              "com.vorntesk.sample.basic.monthly", "com.vorntesk.sample.seasonpass"}) {
+    const auto answer = driver.ask(purchaseLine(product));
+    ASSERT_TRUE(answer);
+    handed.push_back(std::string(
+        json::parse(*answer).at("envelope").at("success").at("transaction").at("jwsRepresentation").as_string()));
+  }
+  const auto url = driver.ask(R"({"id":"u","store":"server"})");
+  const auto root = driver.ask(R"({"id":"r","store":"rootCertificate"})");
+  ASSERT_TRUE(url && root);
+  json::array ids{"1", "2", "3", "4", "99", "x1"};
+  const auto results = node("server_client.cjs",
+                            {{"url", json::parse(*url).at("url")},
+                             {"keyFile", (temp / "key.p8").string()},
+                             {"keyId", "LOCALKEY01"},
+                             {"issuerId", "57246542-96fe-1a63-e053-0824d011072a"},
+                             {"bundleId", "com.vorntesk.example"},
+                             {"trustedRoot", platform::base64Encode(derOfPEM(std::string(
+                                                 json::parse(*root).at("pem").as_string())))},
+                             {"transactionIds", ids}},
+                            "server-client");
+  fs::remove_all(temp);
+  ASSERT_EQ(results.size(), ids.size());
+  for (std::size_t i = 0; i < handed.size(); ++i) {
+    ASSERT_TRUE(results[i].at("ok").as_bool()) << json::serialize(results[i]);
+    EXPECT_EQ(results[i].at("decoded"), json::parse(*decodeJWSPayload(handed[i])));
+  }
+  EXPECT_EQ(results[4].at("httpStatusCode"), 404);
+  EXPECT_EQ(results[4].at("apiError"), 4040010);
+  EXPECT_EQ(results[5].at("httpStatusCode"), 400);
+  EXPECT_EQ(results[5].at("apiError"), 4000006);
 }
 
 }  // namespace

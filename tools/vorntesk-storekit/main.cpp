@@ -5,9 +5,11 @@
 #include "host_driver.h"
 #include "platform/system_version.h"
 #include "appstore/local_store.h"
+#include "appstore/server/app_store_server.h"
 #include "store_controls.h"
 
 #include <filesystem>
+#include <charconv>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -19,6 +21,7 @@ using vorntesk_storekit::storeControlHelp;
 void printHelp(std::ostream& out) {
   out << R"(Usage: vorntesk-storekit [--config FILE.storekit] [--state FILE] [--environment NAME]
                          [--export-root FILE] [--os-version X.Y] [--transcript]
+                         [--server [HOST:]PORT --api-key FILE.p8 --key-id ID --issuer-id ID]
 
 Runs the AppleStoreKitService against a simulated App Store and speaks JSON Lines:
 one JSON object per line on standard input, one per line on standard output.
@@ -36,6 +39,14 @@ Options:
   --export-root FILE
                     write the root certificate the store signs under (PEM) to FILE at
                     start, for a server to pin
+  --server [HOST:]PORT
+                    serve the App Store Server API over HTTP from the same ledger, on
+                    HOST (default 127.0.0.1) and PORT (0: a free one; the "server"
+                    control answers the URL)
+  --api-key FILE.p8 the in-app-purchase key whose signed tokens the server accepts
+                    (PKCS#8 PEM, as App Store Connect gives it); created if missing
+  --key-id ID       that key's id (the tokens' "kid")
+  --issuer-id ID    the issuer id (the tokens' "iss")
   --os-version X.Y  the system version the service converts for (default 26.0)
   --transcript      write a transcript for people instead of JSON Lines: requests
                     echoed, answers and events marked, long strings shortened
@@ -97,6 +108,7 @@ int main(int argc, char** argv) {
   std::string statePath;
   std::string environment = "Xcode";
   std::string exportRoot;
+  std::string serverAddress, apiKey, keyID, issuerID;
   auto output = vorntesk_storekit::HostDriver::Output::protocol;
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
@@ -109,10 +121,19 @@ int main(int argc, char** argv) {
       continue;
     }
     if ((argument == "--config" || argument == "--os-version" || argument == "--state" ||
-         argument == "--environment" || argument == "--export-root") &&
+         argument == "--environment" || argument == "--export-root" || argument == "--server" ||
+         argument == "--api-key" || argument == "--key-id" || argument == "--issuer-id") &&
         i + 1 < argc) {
       const std::string value = argv[++i];
-      if (argument == "--config") {
+      if (argument == "--server") {
+        serverAddress = value;
+      } else if (argument == "--api-key") {
+        apiKey = value;
+      } else if (argument == "--key-id") {
+        keyID = value;
+      } else if (argument == "--issuer-id") {
+        issuerID = value;
+      } else if (argument == "--config") {
         configuration = value;
       } else if (argument == "--state") {
         statePath = value;
@@ -133,6 +154,7 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  std::unique_ptr<appstore::server::AppStoreServer> server;
   try {
     auto loaded = appstore::StoreConfiguration::load(configuration);
     auto store = statePath.empty() ? appstore::LocalStore::create(std::move(loaded))
@@ -142,6 +164,26 @@ int main(int argc, char** argv) {
       std::ofstream out(exportRoot, std::ios::binary | std::ios::trunc);
       out << store->signingAuthority().rootCertificatePEM();
       if (!out.flush()) throw std::runtime_error("cannot write the root certificate to " + exportRoot);
+    }
+    if (!serverAddress.empty()) {
+      if (apiKey.empty() || keyID.empty() || issuerID.empty()) {
+        std::cerr << "vorntesk-storekit: --server needs --api-key, --key-id and --issuer-id\n";
+        return 2;
+      }
+      appstore::server::ServerOptions options;
+      const auto colon = serverAddress.rfind(':');
+      if (colon != std::string::npos) options.host = serverAddress.substr(0, colon);
+      const auto portText = colon == std::string::npos ? serverAddress : serverAddress.substr(colon + 1);
+      int port = -1;
+      const auto [end, ec] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
+      if (ec != std::errc() || end != portText.data() + portText.size() || port < 0 || port > 65535) {
+        std::cerr << "vorntesk-storekit: --server wants [HOST:]PORT, not \"" << serverAddress << "\"\n";
+        return 2;
+      }
+      options.port = port;
+      options.key = appstore::server::InAppPurchaseKey::loadOrCreate(apiKey, keyID, issuerID);
+      server = appstore::server::AppStoreServer::start(store, std::move(options));
+      vorntesk_storekit::announceServer(server->url());
     }
     appstore::LocalStore::setShared(std::move(store));
   } catch (const std::exception& error) {
@@ -157,6 +199,7 @@ int main(int argc, char** argv) {
   vorntesk_storekit::HostDriver driver(writer, output);
   Vorn_Tesk_AppleStoreKitService_Register();
   driver.run(std::cin);
+  server.reset();
   // The ledger closes with the store: SQLite folds its write-ahead log back into the state
   // file, which then holds everything by itself (a file copied after exit is complete).
   appstore::LocalStore::setShared(nullptr);

@@ -122,6 +122,11 @@ appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
   return request;
 }
 
+std::string& serverURL() {
+  static std::string url;
+  return url;
+}
+
 const char* extensionRefusalName(appstore::RenewalExtensionRefused::Reason reason) {
   using Reason = appstore::RenewalExtensionRefused::Reason;
   switch (reason) {
@@ -402,6 +407,12 @@ const std::map<std::string, Control, std::less<>>& controls() {
            }
            return object{{"statuses", std::move(statuses)}};
          }});
+    add({{"server", "", "the URL of the App Store Server API (the driver started with --server)",
+          R"({"id":1,"store":"server"})"},
+         [](LocalStore&, const Arguments&) {
+           if (serverURL().empty()) throw ControlError("the driver was not started with --server");
+           return object{{"url", serverURL()}};
+         }});
     add({{"now", "", "the store clock", R"({"id":1,"store":"now"})"},
          [](LocalStore& s, const Arguments&) {
            return object{{"now", platform::formatRFC3339(s.now())}};
@@ -479,5 +490,7 @@ const std::vector<ControlHelp>& storeControlHelp() {
   }();
   return *help;
 }
+
+void announceServer(std::string url) { serverURL() = std::move(url); }
 
 }  // namespace vorntesk_storekit

@@ -23,6 +23,9 @@ class ControlError : public std::runtime_error {
 // for a bad control or argument, and passes on what the store throws.
 boost::json::object runStoreControl(std::string_view name, const boost::json::object& arguments);
 
+// The URL of the App Store Server API the driver serves, for the "server" control.
+void announceServer(std::string url);
+
 struct ControlHelp {
   std::string name;
   std::string arguments;

@@ -1,0 +1,89 @@
+#include "appstore/server/app_store_server.h"
+
+#include <chrono>
+#include <regex>
+#include <stdexcept>
+#include <thread>
+
+#include <httplib.h>
+
+#include <boost/json/serialize.hpp>
+
+#include "appstore/server/bearer_token.h"
+#include "appstore/server/server_api.h"
+
+namespace appstore::server {
+
+class AppStoreServer::Impl {
+ public:
+  Impl(std::shared_ptr<LocalStore> store, ServerOptions options)
+      : store_(std::move(store)), options_(std::move(options)) {
+    // Nothing reaches an endpoint without a token signed with the developer's key.
+    http_.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+      const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::system_clock::now().time_since_epoch())
+                           .count();
+      switch (checkBearerToken(request.get_header_value("Authorization"), options_.key,
+                               store_->bundleID(), now)) {
+        case TokenCheck::accepted:
+          return httplib::Server::HandlerResponse::Unhandled;
+        case TokenCheck::unauthorized:
+          response.status = 401;
+          response.set_content("Unauthenticated\n", "text/plain");
+          return httplib::Server::HandlerResponse::Handled;
+        case TokenCheck::unknownApp:
+          writeAnswer(response, ApiAnswer::error(ApiError::appNotFound));
+          return httplib::Server::HandlerResponse::Handled;
+      }
+      return httplib::Server::HandlerResponse::Unhandled;
+    });
+    http_.Get(R"(/inApps/v1/transactions/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                writeAnswer(response, transactionInfo(*store_, request.matches[1].str()));
+              });
+  }
+
+  void listen() {
+    port_ = options_.port == 0 ? http_.bind_to_any_port(options_.host)
+                               : (http_.bind_to_port(options_.host, options_.port) ? options_.port : -1);
+    if (port_ <= 0) {
+      throw std::runtime_error("cannot listen on " + options_.host + ":" + std::to_string(options_.port));
+    }
+    thread_ = std::thread([this] { http_.listen_after_bind(); });
+  }
+
+  ~Impl() {
+    http_.stop();
+    if (thread_.joinable()) thread_.join();
+  }
+
+  std::string url() const {
+    const bool ipv6 = options_.host.find(':') != std::string::npos;
+    return "http://" + (ipv6 ? "[" + options_.host + "]" : options_.host) + ":" + std::to_string(port_);
+  }
+
+ private:
+  static void writeAnswer(httplib::Response& response, const ApiAnswer& answer) {
+    response.status = answer.status;
+    if (!answer.body.empty()) response.set_content(answer.body, "application/json");
+  }
+
+  std::shared_ptr<LocalStore> store_;
+  ServerOptions options_;
+  httplib::Server http_;
+  int port_ = -1;
+  std::thread thread_;
+};
+
+std::unique_ptr<AppStoreServer> AppStoreServer::start(std::shared_ptr<LocalStore> store,
+                                                      ServerOptions options) {
+  auto impl = std::make_unique<Impl>(std::move(store), std::move(options));
+  impl->listen();
+  return std::unique_ptr<AppStoreServer>(new AppStoreServer(std::move(impl)));
+}
+
+AppStoreServer::AppStoreServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+AppStoreServer::~AppStoreServer() = default;
+std::string AppStoreServer::url() const { return impl_->url(); }
+
+}  // namespace appstore::server
