@@ -267,13 +267,18 @@ std::vector<SubscriptionStatus> LocalStore::subscriptionStatuses(const std::stri
   std::lock_guard lock(mutex_);
   auto& state = *state_;
   state.throwIfSimulated(StoreKitAPI::subscriptionStatus);
-  const auto group = state.groups.find(groupID);
-  if (group == state.groups.end()) return {};
-  const auto& held = group->second;
-  auto jws = state.ledger->signedForm(held.latestID);
-  if (!jws) return {};
-  return {{held.status, {held.latestID, std::move(*jws)}, held.signedRenewalInfo}};
+  std::vector<SubscriptionStatus> statuses;
+  for (const auto& [id, held] : state.groups) {
+    if (!groupID.empty() && id != groupID) continue;
+    if (auto jws = state.ledger->signedForm(held.latestID)) {
+      statuses.push_back(
+          {id, held.originalID, held.status, {held.latestID, std::move(*jws)}, held.signedRenewalInfo});
+    }
+  }
+  return statuses;
 }
+
+std::vector<SubscriptionStatus> LocalStore::subscriptionStatuses() { return subscriptionStatuses(""); }
 
 std::optional<std::string> LocalStore::signedForm(std::uint64_t transactionID) {
   std::lock_guard lock(mutex_);

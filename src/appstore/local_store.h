@@ -47,6 +47,8 @@ struct SignedTransaction {
 // A subscription as its group's status reports it: where it stands, its latest transaction
 // and the renewal info the store signed for it.
 struct SubscriptionStatus {
+  std::string groupID;
+  std::uint64_t originalTransactionID = 0;
   RenewalStatus status = RenewalStatus::subscribed;
   SignedTransaction transaction;
   std::string signedRenewalInfo;
@@ -186,8 +188,10 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // Registers `listener` for every later change. With `replayUnfinished`, it first hears of
   // every unfinished transaction, in the same step, so that nothing is missed or told twice.
   void addTransactionListener(TransactionListener listener, bool replayUnfinished);
-  // The subscriptions of a group the account holds (none, or one), as they stand now.
+  // The subscriptions of a group the account holds (none, or one), as they stand now; with
+  // no group, those of every group, in group order.
   std::vector<SubscriptionStatus> subscriptionStatuses(const std::string& groupID);
+  std::vector<SubscriptionStatus> subscriptionStatuses();
   // The failure a session forces on verifying this transaction, if any.
   std::optional<StoreFailure> verificationFailure(std::uint64_t transactionID);
   platform::UUID deviceIdentifier() const;

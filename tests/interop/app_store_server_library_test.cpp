@@ -67,11 +67,12 @@ class AppStoreServerLibrary : public ::testing::Test {
 
   // What SignedDataVerifier makes of each item of `input` (see verify.cjs), under `name`.
   json::array verify(const json::object& input, const std::string& name) {
-    return node("verify.cjs", input, name);
+    auto results = node("verify.cjs", input, name);
+    return results.is_array() ? std::move(results.as_array()) : json::array{};
   }
 
-  // What `script` prints for `input`, parsed; an empty array if it fails.
-  json::array node(const std::string& script, const json::object& input, const std::string& name) {
+  // What `script` prints for `input`, parsed; null if it fails.
+  json::value node(const std::string& script, const json::object& input, const std::string& name) {
     std::ofstream(dir_ / (name + ".json")) << json::serialize(input);
     const auto output = dir_ / (name + "-output.json");
     const auto errors = dir_ / (name + "-error.log");
@@ -80,8 +81,8 @@ class AppStoreServerLibrary : public ::testing::Test {
               0)
         << readFile(errors);
     boost::system::error_code failed;
-    auto results = json::parse(readFile(output), failed);
-    return results.is_array() ? std::move(results.as_array()) : json::array{};
+    auto parsed = json::parse(readFile(output), failed);
+    return failed ? json::value() : parsed;
   }
 
   void TearDown() override {
@@ -311,7 +312,7 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientReadsTransactionInfoFromTheLocalServer
   const auto root = driver.ask(R"({"id":"r","store":"rootCertificate"})");
   ASSERT_TRUE(url && root);
   json::array ids{"1", "2", "3", "4", "99", "x1"};
-  const auto results = node("server_client.cjs",
+  const auto printed = node("server_client.cjs",
                             {{"url", json::parse(*url).at("url")},
                              {"keyFile", (temp / "key.p8").string()},
                              {"keyId", "LOCALKEY01"},
@@ -321,7 +322,11 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientReadsTransactionInfoFromTheLocalServer
                                                  json::parse(*root).at("pem").as_string())))},
                              {"transactionIds", ids}},
                             "server-client");
+  const auto unfinished = driver.ask(R"({"id":"f","call":"GetUnfinishedTransactions"})");
   fs::remove_all(temp);
+  ASSERT_TRUE(printed.is_object() && printed.as_object().contains("results")) << json::serialize(printed);
+  const auto& output = printed.as_object();
+  const auto& results = output.at("results").as_array();
   ASSERT_EQ(results.size(), ids.size());
   for (std::size_t i = 0; i < handed.size(); ++i) {
     ASSERT_TRUE(results[i].at("ok").as_bool()) << json::serialize(results[i]);
@@ -331,6 +336,22 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientReadsTransactionInfoFromTheLocalServer
   EXPECT_EQ(results[4].at("apiError"), 4040010);
   EXPECT_EQ(results[5].at("httpStatusCode"), 400);
   EXPECT_EQ(results[5].at("apiError"), 4000006);
+
+  // The subscription bought third, as the device holds it, with verified renewal info.
+  EXPECT_EQ(output.at("environment"), "Sandbox");
+  const auto& groups = output.at("groups").as_array();
+  ASSERT_EQ(groups.size(), 1u);
+  EXPECT_EQ(groups[0].at("group"), "21500001");
+  EXPECT_EQ(groups[0].at("status"), 1);
+  EXPECT_EQ(groups[0].at("originalTransactionId"), "3");
+  EXPECT_EQ(groups[0].at("transaction"), json::parse(*decodeJWSPayload(handed[2])));
+  EXPECT_EQ(groups[0].at("renewalInfo").at("autoRenewProductId"), "com.vorntesk.sample.basic.monthly");
+  EXPECT_EQ(groups[0].at("renewalInfo").at("environment"), "Sandbox");
+  // Finished through the server: the device no longer lists it as unfinished.
+  ASSERT_TRUE(unfinished);
+  const auto listed = json::parse(*unfinished).at("envelope").at("success").at("transactions").as_array();
+  EXPECT_EQ(listed.size(), 3u);
+  for (const auto& t : listed) EXPECT_NE(t.at("id"), 1);
 }
 
 }  // namespace

@@ -7,7 +7,9 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
+#include <algorithm>
 #include <chrono>
+#include <tuple>
 #include <string>
 
 #include "appstore/local_store.h"
@@ -155,6 +157,60 @@ TEST_F(ServerTest, TransactionInfoAnswersWithTheSignedFormOrApplesErrors) {
     EXPECT_EQ(result->body, row.body) << row.id;
     EXPECT_EQ(result->get_header_value("Content-Type"), "application/json") << row.id;
   }
+}
+
+TEST_F(ServerTest, SubscriptionStatusesByGroupFilteredByStatusAndFinishAsTheDeviceDoes) {
+  const auto authorization = bearer(header(), payload());
+  const auto basic = store_->buyProduct("com.vorntesk.sample.basic.monthly").id;
+  const auto statuses = [&](const std::string& query) {
+    const auto result = get("/inApps/v1/subscriptions/" + std::to_string(purchased_) + query, authorization);
+    EXPECT_TRUE(result);
+    return result ? std::pair(result->status, result->body) : std::pair(0, std::string());
+  };
+  auto [status, body] = statuses("");
+  ASSERT_EQ(status, 200) << body;
+  auto answer = json::parse(body).as_object();
+  EXPECT_EQ(answer.at("environment"), "Xcode");
+  EXPECT_EQ(std::string(answer.at("bundleId").as_string()), kBundle);
+  EXPECT_FALSE(answer.contains("appAppleId"));
+  ASSERT_EQ(answer.at("data").as_array().size(), 1u);
+  const auto& group = answer.at("data").at(0);
+  EXPECT_EQ(group.at("subscriptionGroupIdentifier"), "21500001");
+  const auto& last = group.at("lastTransactions").at(0);
+  EXPECT_EQ(last.at("status"), 1);
+  EXPECT_EQ(std::string(last.at("originalTransactionId").as_string()), std::to_string(basic));
+  EXPECT_EQ(std::string(last.at("signedTransactionInfo").as_string()), *store_->signedForm(basic));
+  EXPECT_EQ(std::string(last.at("signedRenewalInfo").as_string()),
+            store_->subscriptionStatuses().at(0).signedRenewalInfo);
+
+  // The status filter: repeated keys are OR'ed; anything but 1 to 5 is refused.
+  EXPECT_EQ(json::parse(statuses("?status=1&status=4").second).at("data").as_array().size(), 1u);
+  EXPECT_TRUE(json::parse(statuses("?status=2").second).at("data").as_array().empty());
+  store_->refundTransaction(basic, 0);
+  EXPECT_EQ(json::parse(statuses("?status=5").second).at("data").as_array().size(), 1u);
+  for (const char* bad : {"?status=6", "?status=0", "?status=active", "?status="}) {
+    std::tie(status, body) = statuses(bad);
+    EXPECT_EQ(status, 400) << bad;
+    EXPECT_EQ(body, R"({"errorCode":4000031,"errorMessage":"Invalid request. The status parameter is invalid."})");
+  }
+  const auto unknown = get("/inApps/v1/subscriptions/99999", authorization);
+  ASSERT_TRUE(unknown);
+  EXPECT_EQ(unknown->status, 404);
+  EXPECT_EQ(unknown->body, R"({"errorCode":4040010,"errorMessage":"Transaction id not found."})");
+
+  // Finish: no body; the transaction leaves the unfinished listing.
+  httplib::Client client(server_->url());
+  httplib::Headers headers{{"Authorization", authorization}};
+  auto finished = client.Post("/inApps/v1/transactions/" + std::to_string(purchased_) + "/finish", headers, "", "");
+  ASSERT_TRUE(finished);
+  EXPECT_EQ(finished->status, 200);
+  EXPECT_TRUE(finished->body.empty());
+  const auto unfinished = store_->transactionIDs(LocalStore::Listing::unfinished);
+  EXPECT_EQ(std::count(unfinished.begin(), unfinished.end(), purchased_), 0);
+  finished = client.Post("/inApps/v1/transactions/424242/finish", headers, "", "");
+  ASSERT_TRUE(finished);
+  EXPECT_EQ(finished->status, 404);
+  EXPECT_EQ(finished->body, R"({"errorCode":4040010,"errorMessage":"Transaction id not found."})");
 }
 
 }  // namespace

@@ -41,6 +41,17 @@ class AppStoreServer::Impl {
               [this](const httplib::Request& request, httplib::Response& response) {
                 writeAnswer(response, transactionInfo(*store_, request.matches[1].str()));
               });
+    http_.Get(R"(/inApps/v1/subscriptions/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                std::vector<std::string> statuses;
+                const auto [first, last] = request.params.equal_range("status");
+                for (auto it = first; it != last; ++it) statuses.push_back(it->second);
+                writeAnswer(response, allSubscriptionStatuses(*store_, request.matches[1].str(), statuses));
+              });
+    http_.Post(R"(/inApps/v1/transactions/([^/]+)/finish)",
+               [this](const httplib::Request& request, httplib::Response& response) {
+                 writeAnswer(response, finishTransaction(*store_, request.matches[1].str()));
+               });
   }
 
   void listen() {

@@ -1,5 +1,6 @@
 #include "appstore/server/server_api.h"
 
+#include <algorithm>
 #include <charconv>
 #include <optional>
 
@@ -12,6 +13,7 @@ namespace {
 const char* messageOf(ApiError code) {
   switch (code) {
     case ApiError::invalidTransactionId: return "Invalid transaction id.";
+    case ApiError::invalidStatus: return "Invalid request. The status parameter is invalid.";
     case ApiError::appNotFound: return "App not found.";
     case ApiError::transactionIdNotFound: return "Transaction id not found.";
     case ApiError::generalInternal: return "An unknown error occurred.";
@@ -52,6 +54,50 @@ ApiAnswer transactionInfo(LocalStore& store, const std::string& transactionID) {
     const auto jws = store.signedForm(*id);
     if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
     return ApiAnswer{200, json::serialize(json::object{{"signedTransactionInfo", *jws}})};
+  });
+}
+
+ApiAnswer allSubscriptionStatuses(LocalStore& store, const std::string& transactionID,
+                                  const std::vector<std::string>& statuses) {
+  return guarded([&] {
+    const auto id = transactionNumber(transactionID);
+    if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
+    std::vector<int> wanted;
+    for (const auto& text : statuses) {
+      int value = 0;
+      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+      if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value < 1 || value > 5) {
+        return ApiAnswer::error(ApiError::invalidStatus);
+      }
+      wanted.push_back(value);
+    }
+    const auto jws = store.signedForm(*id);
+    if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
+    json::array data;
+    for (const auto& held : store.subscriptionStatuses()) {
+      const int status = static_cast<int>(held.status);
+      if (!wanted.empty() && std::find(wanted.begin(), wanted.end(), status) == wanted.end()) continue;
+      json::object last{{"status", status},
+                        {"originalTransactionId", std::to_string(held.originalTransactionID)},
+                        {"signedTransactionInfo", held.transaction.jws},
+                        {"signedRenewalInfo", held.signedRenewalInfo}};
+      data.push_back({{"subscriptionGroupIdentifier", held.groupID},
+                      {"lastTransactions", json::array{std::move(last)}}});
+    }
+    return ApiAnswer{200, json::serialize(json::object{{"environment", store.environment()},
+                                                       {"bundleId", store.bundleID()},
+                                                       {"data", std::move(data)}})};
+  });
+}
+
+ApiAnswer finishTransaction(LocalStore& store, const std::string& transactionID) {
+  return guarded([&] {
+    const auto id = transactionNumber(transactionID);
+    if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
+    const auto jws = store.signedForm(*id);
+    if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
+    store.finish(*id);
+    return ApiAnswer{200, ""};
   });
 }
 

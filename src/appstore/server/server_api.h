@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "appstore/local_store.h"
 
@@ -12,6 +13,7 @@ namespace appstore::server {
 // Apple's error codes the endpoints answer with; the HTTP status is the code / 10000.
 enum class ApiError : long {
   invalidTransactionId = 4000006,
+  invalidStatus = 4000031,
   appNotFound = 4040003,
   transactionIdNotFound = 4040010,
   generalInternal = 5000000,
@@ -26,5 +28,14 @@ struct ApiAnswer {
 
 // GET /inApps/v1/transactions/{transactionId}: {"signedTransactionInfo": ...}.
 ApiAnswer transactionInfo(LocalStore& store, const std::string& transactionID);
+
+// GET /inApps/v1/subscriptions/{anyTransactionId}[?status=N...]: every subscription of the
+// customer the transaction belongs to, by group, with its status, latest transaction and
+// renewal info; `statuses` (the query's "status" values) keeps only those states.
+ApiAnswer allSubscriptionStatuses(LocalStore& store, const std::string& transactionID,
+                                  const std::vector<std::string>& statuses);
+
+// POST /inApps/v1/transactions/{transactionId}/finish: as the device's finish(); no body.
+ApiAnswer finishTransaction(LocalStore& store, const std::string& transactionID);
 
 }  // namespace appstore::server
