@@ -30,8 +30,9 @@ using appstore::kLeafMarkerOID;
 // Parsing a certificate is most of what a verification costs with OpenSSL 3 (its public key
 // is decoded through the provider machinery), and every token a store signs carries the
 // same chain, checked against the same root. So each distinct certificate, by its exact DER
-// bytes, is parsed once and then shared: a parsed certificate is only read from then on,
-// which OpenSSL allows from several threads at once. The cache forgets everything when it
+// bytes, is parsed once and then shared. Reading its fields and its key is safe from several
+// threads at once; checking a chain is not (it fills caches inside the certificates), so
+// full chain checks take turns (verifyJWS). The cache forgets everything when it
 // is full, so tokens with ever new certificates cannot make it grow without end.
 class CertificateCache {
  public:
@@ -205,6 +206,11 @@ std::string verifyJWS(std::string_view jws, std::string_view trustedRootDER,
                     : std::time(nullptr);
   auto chainKey = VerifiedChains::keyOf(chainDER[0], chainDER[1], trustedRootDER);
   if (!VerifiedChains::shared().verifiedAt(chainKey, checkedAt)) {
+    // Checking a chain fills caches inside the certificates it reads (their names' canonical
+    // encodings among them), and the certificates are shared between threads: one full check
+    // at a time. Only a chain not yet remembered, or a time outside its window, gets here.
+    static std::mutex fullCheck;
+    std::lock_guard lock(fullCheck);
     Owned<X509_STORE> store(X509_STORE_new());
     Owned<STACK_OF(X509)> untrusted(sk_X509_new_null());
     Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
