@@ -8,7 +8,7 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 build=build/fuzz
-targets=(call_async records unknown_outcome store_configuration jws state_file)
+targets=(call_async records unknown_outcome store_configuration jws state_file server_request)
 
 cmake -S fuzz -B "$build" -G Ninja >/dev/null || exit 1
 cmake --build "$build" -j "${JOBS:-2}" || exit 1
@@ -18,7 +18,7 @@ for target in "${targets[@]}"; do
   mkdir -p "$build/corpus/$target" "$build/artifacts"
   options=(-max_total_time="$seconds" -timeout=30 -rss_limit_mb=4096 -print_final_stats=1
            -artifact_prefix="$build/artifacts/$target-")
-  [ "$target" != jws ] && [ "$target" != state_file ] && options+=(-dict=fuzz/json.dict)
+  [ "$target" != jws ] && [ "$target" != state_file ] && [ "$target" != server_request ] && options+=(-dict=fuzz/json.dict)
   echo "== fuzz_$target for $seconds s"
   if ! "$build/fuzz_$target" "${options[@]}" "$build/corpus/$target" "fuzz/corpus/$target" \
        > "$build/$target.log" 2>&1; then
