@@ -33,7 +33,8 @@ constexpr const char* kTypedColumns =
 constexpr const char* kGroupColumns =
     "group_id, original_id, original_purchase_date, latest_id, auto_renew, pending_product_id, "
     "offer_periods_left, continuing_offer, status, expiration_intent, billing_issue_since, "
-    "grace_period_expires, price_increase_status, renewal_price, signed_renewal_info, extensions";
+    "grace_period_expires, price_increase_status, renewal_price, signed_renewal_info, extensions, "
+    "recent_start";
 
 // Ids are App Store transaction numbers, far below 2^63; they are stored as SQLite integers.
 void bindId(SQLite::Statement& statement, int index, std::uint64_t id) {
@@ -95,7 +96,7 @@ struct Statements {
         putGroup(database, std::string("INSERT OR REPLACE INTO subscription_groups (") +
                                kGroupColumns +
                                ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, "
-                               "?14, ?15, ?16)"),
+                               "?14, ?15, ?16, ?17)"),
         removeGroup(database, "DELETE FROM subscription_groups WHERE group_id = ?1"),
         putValue(database, "INSERT OR REPLACE INTO named_values (key, value) VALUES (?1, ?2)"),
         transaction(database, std::string("SELECT ") + kTypedColumns +
@@ -241,6 +242,7 @@ class SQLiteLedger final : public Ledger {
         group.renewalPrice = query.getColumn(13).getString();
         group.signedRenewalInfo = query.getColumn(14).getString();
         group.extensions = query.getColumn(15).getString();
+        group.recentStart = optionalDate(query.getColumn(16));
         found.push_back(std::move(group));
       }
       return found;
@@ -365,6 +367,7 @@ class SQLiteLedger::Changes final : public LedgerWrite {
       row.bind(14, group.renewalPrice);
       row.bind(15, group.signedRenewalInfo);
       row.bind(16, group.extensions);
+      bindDate(row, 17, group.recentStart);
       row.exec();
     });
   }

@@ -79,6 +79,9 @@ struct LedgerGroup {
   std::string signedRenewalInfo;  // the compact JWS of the renewal info, current after every change
   // The renewal-date extensions granted, as JSON: [{"request", "date", "days", "effective"}].
   std::string extensions;
+  // When the current run of the subscription began: a purchase after a lapse of 60 days or
+  // more starts a new one. Absent in files of the first version (then: originalPurchaseDate).
+  std::optional<platform::Date> recentStart;
 };
 
 // Which transactions a list query answers, in id order.

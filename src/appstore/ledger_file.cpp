@@ -71,6 +71,7 @@ void upgradeSchema(SQLite::Database& database, int from) {
         ALTER TABLE subscription_groups ADD COLUMN renewal_price TEXT NOT NULL DEFAULT '';
         ALTER TABLE subscription_groups ADD COLUMN signed_renewal_info TEXT NOT NULL DEFAULT '';
         ALTER TABLE subscription_groups ADD COLUMN extensions TEXT NOT NULL DEFAULT '';
+        ALTER TABLE subscription_groups ADD COLUMN recent_start INTEGER;
       )sql");
       break;
   }
@@ -91,7 +92,8 @@ constexpr const char* kDatesOutOfRange = R"sql(
 constexpr const char* kRenewalDatesOutOfRange = R"sql(
     SELECT count(*) FROM subscription_groups
     WHERE ifnull(billing_issue_since, 0) NOT BETWEEN 0 AND 253402300799999
-       OR ifnull(grace_period_expires, 0) NOT BETWEEN 0 AND 253402300799999)sql";
+       OR ifnull(grace_period_expires, 0) NOT BETWEEN 0 AND 253402300799999
+       OR ifnull(recent_start, 0) NOT BETWEEN 0 AND 253402300799999)sql";
 
 // The tables the store reads as it opens. The signed texts, nearly all of a file's bytes, are
 // read only when asked for; checking their pages at open would read the whole file.

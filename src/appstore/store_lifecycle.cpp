@@ -298,7 +298,8 @@ std::string LocalStore::State::signedRenewalInfo(const LedgerGroup& group) {
   }
   p["signedDate"] = platform::millisecondsSince1970(now());
   p["environment"] = environment;
-  p["recentSubscriptionStartDate"] = platform::millisecondsSince1970(group.originalPurchaseDate);
+  p["recentSubscriptionStartDate"] =
+      platform::millisecondsSince1970(group.recentStart.value_or(group.originalPurchaseDate));
   if (latest->expiresDate) p["renewalDate"] = platform::millisecondsSince1970(*latest->expiresDate);
   auto price = renewing ? std::optional(renewing->price) : std::nullopt;
   if (!group.renewalPrice.empty()) price = platform::Decimal::parse(group.renewalPrice);
@@ -308,6 +309,14 @@ std::string LocalStore::State::signedRenewalInfo(const LedgerGroup& group) {
     p["currency"] = storefront().currency;
   }
   if (const auto* token = transaction.if_contains("appAccountToken")) p["appAccountToken"] = *token;
+  // An expired subscriber can come back with the product's win-back offers.
+  if (group.status == RenewalStatus::expired && renewing && !renewing->winBackOffers.empty()) {
+    json::array ids;
+    for (const auto& offer : renewing->winBackOffers) {
+      if (offer.offerID) ids.push_back(json::string(*offer.offerID));
+    }
+    if (!ids.empty()) p["eligibleWinBackOfferIds"] = std::move(ids);
+  }
   p["appTransactionId"] = appTransactionID;
   return authority->sign(json::serialize(p));
 }

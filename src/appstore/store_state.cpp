@@ -441,6 +441,12 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
     group->groupID = product.subscriptionGroupID;
     group->originalID = draft.row.id;
     group->originalPurchaseDate = purchaseDate;
+    group->recentStart = purchaseDate;
+  } else if (const auto previous = ledger->transaction(group->latestID);
+             !previous || !previous->expiresDate ||
+             purchaseDate - *previous->expiresDate >= std::chrono::days(60)) {
+    // Back after a lapse of 60 days or more: a new run of the subscription begins.
+    group->recentStart = purchaseDate;
   }
   group->latestID = draft.row.id;
   group->autoRenew = true;

@@ -75,6 +75,31 @@ TEST(SubscriptionChanges, UpAtOnceDownOrToAnotherDurationAtTheNextRenewal) {
   EXPECT_EQ(history(session).size(), 4u);
 }
 
+TEST(SubscriptionChanges, ExpiredSubscribersSeeWinBackOffersAndALongLapseStartsANewRun) {
+  Session session({}, kPlans);
+  const auto startOf = [&] { return info(session.status("G1"), "recentSubscriptionStartDate"); };
+  const auto purchaseDate = [](const json::value& answer) {
+    return platform::millisecondsSince1970(*platform::parseRFC3339(
+        answer.at("envelope").at("success").at("transaction").at("purchaseDate").as_string()));
+  };
+  const auto bought = session.call("Purchase", R"({"productId":"standard.monthly"})");
+  EXPECT_EQ(startOf(), purchaseDate(bought));
+  session.control(R"("store":"disableAutoRenewForTransaction","identifier":1)");
+  session.advance(days(40));
+  auto renewalInfo = session.status("G1").at("renewalInfo").as_object();
+  ASSERT_TRUE(renewalInfo.contains("eligibleWinBackOfferIds"));
+  EXPECT_EQ(renewalInfo.at("eligibleWinBackOfferIds"), json::array{"standard.welcomeback"});
+
+  // Back within 60 days of the expiry: the same run goes on; after longer, a new one begins.
+  session.call("Purchase", R"({"productId":"standard.monthly"})");
+  EXPECT_EQ(startOf(), purchaseDate(bought));
+  EXPECT_FALSE(session.status("G1").at("renewalInfo").as_object().contains("eligibleWinBackOfferIds"));
+  session.control(R"("store":"disableAutoRenewForTransaction","identifier":2)");
+  session.advance(days(100));
+  const auto again = session.call("Purchase", R"({"productId":"standard.monthly"})");
+  EXPECT_EQ(startOf(), purchaseDate(again));
+}
+
 // Xcode's billing switches set in the file itself: purchases interrupted until resolved,
 // renewals failing into the grace period, all at a monthly renewal every 5 minutes.
 TEST(SubscriptionChanges, AFileWithEveryBillingSettingOnBehavesAsItSays) {
