@@ -4,8 +4,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <map>
+#include <optional>
+#include <set>
 #include <string_view>
 
+#include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
 
 namespace appstore::ledger_file {
@@ -99,6 +103,38 @@ constexpr const char* kRenewalDatesOutOfRange = R"sql(
 // read only when asked for; checking their pages at open would read the whole file.
 constexpr const char* kTablesCheckedAtOpen[] = {"sqlite_schema", "transactions",
                                                  "subscription_groups", "named_values"};
+// The columns of each table of `database`.
+std::map<std::string, std::set<std::string>> columnsOf(SQLite::Database& database) {
+  std::map<std::string, std::set<std::string>> tables;
+  SQLite::Statement names(database, "SELECT name FROM sqlite_schema WHERE type = 'table'");
+  while (names.executeStep()) {
+    const auto table = names.getColumn(0).getString();
+    SQLite::Statement columns(database, "SELECT name FROM pragma_table_info(?1)");
+    columns.bind(1, table);
+    auto& found = tables[table];
+    while (columns.executeStep()) found.insert(columns.getColumn(0).getString());
+  }
+  return tables;
+}
+
+// What a ledger of `version` lacks of the tables and columns this build's schema steps give
+// one (extra ones do no harm); nothing when it lacks nothing. Read before a migration, so that
+// a file that would fail after being migrated is refused with its bytes as they were.
+std::optional<std::string> missingFromSchema(SQLite::Database& database, int version) {
+  if (version < 1) return std::nullopt;
+  SQLite::Database reference(":memory:", SQLite::OPEN_READWRITE);
+  for (int from = 0; from < version; ++from) upgradeSchema(reference, from);
+  const auto present = columnsOf(database);
+  for (const auto& [table, columns] : columnsOf(reference)) {
+    const auto found = present.find(table);
+    if (found == present.end()) return "no table " + table;
+    for (const auto& column : columns) {
+      if (!found->second.contains(column)) return "table " + table + " has no column " + column;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 void migrate(SQLite::Database& database) {
@@ -186,6 +222,9 @@ bool checkExistingFile(const std::string& path, const std::string& label, int fd
     for (const auto& check : checks) {
       const std::string verdict = database.execAndGet(check).getString();
       if (verdict != "ok") throw LedgerError(label + ": damaged (" + oneLine(verdict) + ")");
+    }
+    if (const auto missing = missingFromSchema(database, version)) {
+      throw LedgerError(label + ": damaged (" + *missing + ")");
     }
     if ((version >= 1 && database.execAndGet(kDatesOutOfRange).getInt() != 0) ||
         (version >= 2 && database.execAndGet(kRenewalDatesOutOfRange).getInt() != 0)) {

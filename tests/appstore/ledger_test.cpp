@@ -268,6 +268,13 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
        "a SQLite database of something else (application_id 7)"},
       {[&] { return foreign(sampleLedger("newer.db"), "PRAGMA user_version = 99"); },
        "schema version 99 is newer than this build's (" + std::to_string(Ledger::kSchemaVersion) + ")"},
+      // A file of the first version that its migration would carry only half way.
+      {[&] {
+         const auto path = dir_ / "renamed.db";
+         fs::copy_file(VORNTESK_SOURCE_DIR "/tests/appstore/data/ledger_version_1.db", path);
+         return foreign(path, "ALTER TABLE subscription_groups RENAME COLUMN original_id TO oid");
+       },
+       "damaged (table subscription_groups has no column original_id)"},
       // Dates the store's arithmetic would overflow on, in a file SQLite finds sound.
       {[&] {
          return foreign(sampleLedger("late.db"),
