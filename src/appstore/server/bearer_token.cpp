@@ -85,13 +85,14 @@ TokenCheck checkBearerToken(std::string_view authorization, const InAppPurchaseK
   // Valid until "exp", and for an hour at most. Apple's Python and Java libraries send no
   // "iat": then "exp" itself may be at most an hour away.
   const auto expires = seconds(*payload, "exp");
-  const auto issued = payload->contains("iat") ? seconds(*payload, "iat") : std::nullopt;
   if (!expires || *expires <= nowSeconds) return TokenCheck::unauthorized;
-  if (payload->contains("iat") && (!issued || *issued > nowSeconds + kClockSkewSeconds ||
-                                   *expires - *issued > kLongestLifetimeSeconds)) {
-    return TokenCheck::unauthorized;
-  }
-  if (!issued && *expires - nowSeconds > kLongestLifetimeSeconds + kClockSkewSeconds) {
+  if (payload->contains("iat")) {
+    const auto issued = seconds(*payload, "iat");
+    if (!issued || *issued > nowSeconds + kClockSkewSeconds ||
+        *expires - *issued > kLongestLifetimeSeconds) {
+      return TokenCheck::unauthorized;
+    }
+  } else if (*expires - nowSeconds > kLongestLifetimeSeconds + kClockSkewSeconds) {
     return TokenCheck::unauthorized;
   }
   if (!isString(*payload, "bid", bundleID)) {
