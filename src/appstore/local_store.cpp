@@ -96,7 +96,7 @@ std::shared_ptr<LocalStore> LocalStore::createFromFile(const std::string& path) 
 }
 
 LocalStore::LocalStore(std::unique_ptr<State> state, std::shared_ptr<const SigningAuthority> authority)
-    : authority_(std::move(authority)), state_(std::move(state)) {}
+    : authority_(std::move(authority)), deviceID_(state->deviceID), state_(std::move(state)) {}
 
 void LocalStore::startRenewals() {
   {
@@ -298,7 +298,10 @@ void LocalStore::addTransactionListener(TransactionListener listener, bool repla
   state.listeners.push_back(std::move(listener));
 }
 
+void LocalStore::allowVerificationFailures() { verificationFailuresPossible_ = true; }
+
 std::optional<StoreFailure> LocalStore::verificationFailure(std::uint64_t transactionID) {
+  if (!verificationFailuresPossible_) return std::nullopt;
   std::lock_guard lock(mutex_);
   if (const auto it = state_->verificationFailures.find(transactionID); it != state_->verificationFailures.end()) {
     return it->second;
@@ -309,17 +312,15 @@ std::optional<StoreFailure> LocalStore::verificationFailure(std::uint64_t transa
   return std::nullopt;
 }
 
-platform::UUID LocalStore::deviceIdentifier() const {
-  std::lock_guard lock(mutex_);
-  return state_->deviceID;
-}
-
 // --- Configuration ----------------------------------------------------------------------------
 
 void LocalStore::loadConfiguration(StoreConfiguration configuration) {
   if (!storefrontForCountry(configuration.settings.storefront)) {
     throw ConfigurationError("settings._storefront: unknown storefront \"" +
                              configuration.settings.storefront + "\"");
+  }
+  for (const auto& [api, error] : configuration.settings.simulatedErrors) {
+    if (api == StoreKitAPI::verification) allowVerificationFailures();
   }
   std::lock_guard lock(mutex_);
   state_->applySettings(configuration.settings);

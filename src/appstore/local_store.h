@@ -12,6 +12,7 @@
 // store as it was. A background thread renews subscriptions when they come due.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -192,9 +193,11 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // no group, those of every group, in group order.
   std::vector<SubscriptionStatus> subscriptionStatuses(const std::string& groupID);
   std::vector<SubscriptionStatus> subscriptionStatuses();
-  // The failure a session forces on verifying this transaction, if any.
+  // The failure a session forces on verifying this transaction, if any. A device asks for
+  // every token it hands out; until a failure is first forced it answers without the lock.
   std::optional<StoreFailure> verificationFailure(std::uint64_t transactionID);
-  platform::UUID deviceIdentifier() const;
+  // Fixed when the store is made (read from its state file, else new); no lock.
+  platform::UUID deviceIdentifier() const { return deviceID_; }
   // The root certificate (DER) the store's chain ends in.
   const std::string& rootCertificate() const { return authority_->rootCertificate(); }
   const SigningAuthority& signingAuthority() const { return *authority_; }
@@ -311,7 +314,14 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   void startRenewals();
   void enableAutoRenew(std::uint64_t identifier, bool enabled);
 
+  // Notes that a verification failure may be forced from now on (never cleared): before it,
+  // verificationFailure has nothing to find and does not wait for the lock, which purchases
+  // hold while they sign.
+  void allowVerificationFailures();
+
   std::shared_ptr<const SigningAuthority> authority_;
+  const platform::UUID deviceID_;
+  std::atomic<bool> verificationFailuresPossible_{false};
   mutable std::mutex mutex_;
   std::condition_variable_any timerChanged_;
   std::unique_ptr<State> state_;  // guarded by mutex_

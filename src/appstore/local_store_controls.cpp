@@ -418,6 +418,7 @@ RenewalExtensionResult LocalStore::extendRenewalDate(const RenewalExtensionReque
 
 void LocalStore::setSimulatedError(StoreKitAPI api, std::optional<StoreFailure> error) {
   if (error && !error->fits(api)) invalid("this error cannot be simulated for that call");
+  if (error && api == StoreKitAPI::verification) allowVerificationFailures();
   std::lock_guard lock(mutex_);
   if (error) {
     state_->simulatedErrors.insert_or_assign(api, std::move(*error));
@@ -430,6 +431,7 @@ void LocalStore::setVerificationFailure(std::uint64_t identifier, std::optional<
   if (error && error->family != StoreFailure::Family::verification) {
     invalid("only a verification error can make a transaction fail verification");
   }
+  if (error) allowVerificationFailures();
   std::lock_guard lock(mutex_);
   if (error) {
     state_->verificationFailures.insert_or_assign(identifier, std::move(*error));
