@@ -169,7 +169,9 @@ SignedTransaction LocalStore::buyProduct(const PurchaseRequest& request) {
     made = state.completePurchase(write, *product, checked, std::nullopt, created);
   });
   if (created) state.broadcast({made});
-  wakeRenewals();
+  // A purchase that changes a subscription's schedule has set the renewal thread's wake flag;
+  // any other leaves the thread asleep (woken, it would only wait for this lock and sleep again).
+  if (state.wake) timerChanged_.notify_all();
   return made;
 }
 
