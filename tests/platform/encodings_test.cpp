@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 
 namespace platform {
@@ -32,6 +33,61 @@ TEST(Base64Test, CodesBothAlphabetsAndRejectsWhatNoEncoderWrites) {
   }
   for (const char* text : {"Zg==", "Z", "Zh", "Zm9", "++++//8"}) {
     EXPECT_EQ(base64URLDecode(text), std::nullopt) << text;
+  }
+}
+
+// Bit by bit, as the RFC describes it: the reference the table-driven coder is held to.
+std::string referenceEncoding(std::string_view bytes, std::string_view alphabet, bool pad) {
+  std::string out;
+  std::uint32_t bits = 0;
+  int count = 0;
+  for (const char c : bytes) {
+    bits = bits << 8 | static_cast<std::uint8_t>(c);
+    count += 8;
+    while (count >= 6) {
+      count -= 6;
+      out += alphabet[bits >> count & 63];
+    }
+  }
+  if (count > 0) out += alphabet[bits << (6 - count) & 63];
+  while (pad && out.size() % 4 != 0) out += '=';
+  return out;
+}
+
+TEST(Base64Test, EveryLengthAndByteRoundTripsAndEverySymbolOutsideTheAlphabetIsRefused) {
+  constexpr std::string_view kStandard =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  constexpr std::string_view kURLSafe =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::string bytes;
+  std::uint32_t seed = 12345;
+  for (std::size_t length = 0; length <= 200; ++length) {
+    seed = seed * 1103515245 + 12345;
+    bytes += static_cast<char>(length < 128 ? seed >> 16 : length);  // then 128 to 200
+    const auto standard = base64Encode(bytes);
+    const auto url = base64URLEncode(bytes);
+    ASSERT_EQ(standard, referenceEncoding(bytes, kStandard, true)) << length;
+    ASSERT_EQ(url, referenceEncoding(bytes, kURLSafe, false)) << length;
+    ASSERT_EQ(base64Decode(standard), bytes) << length;
+    ASSERT_EQ(base64URLDecode(url), bytes) << length;
+    // A symbol of the other alphabet, or of none, anywhere before the padding.
+    const auto symbols = url.size();
+    for (std::size_t at = 0; at < symbols; ++at) {
+      for (const char wrong : {'!', '=', '\0', '\xC3'}) {
+        auto damaged = url;
+        damaged[at] = wrong;
+        ASSERT_EQ(base64URLDecode(damaged), std::nullopt) << length << " at " << at;
+        damaged = standard;
+        damaged[at] = wrong == '=' ? '-' : wrong;
+        ASSERT_EQ(base64Decode(damaged), std::nullopt) << length << " at " << at;
+      }
+    }
+    // Bits after the last byte that are not zero.
+    if (bytes.size() % 3 != 0) {
+      auto loose = url;
+      loose.back() = kURLSafe[kURLSafe.find(loose.back()) | 1];
+      ASSERT_EQ(base64URLDecode(loose), std::nullopt) << length;
+    }
   }
 }
 
