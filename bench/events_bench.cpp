@@ -7,9 +7,10 @@
 // payload id is checked against the ids the store handed out, so a duplicate cannot hide a
 // loss).
 //
-// Beside it, for information, what a single event cannot avoid in this store: one ES256
-// signature when the transaction is made and one verification (certificate chain and
-// signature) when it is delivered.
+// Beside it, the floor: what a single event cannot avoid in this store, one ES256 signature
+// when the transaction is made and one verification (certificate chain and signature) when
+// it is delivered. Events per second can reach at most 1 / (sign + verify) when the two
+// follow one another; the figure is the events per second over that rate.
 #include "bench_support.h"
 
 #include "adapter/apple_store_kit_service_native_adapter_default.h"
@@ -43,6 +44,9 @@ struct Received {
   std::condition_variable arrived;
   std::vector<std::uint64_t> ids;
   std::size_t malformed = 0;
+  // The count the benchmark's thread waits for: the listener wakes it once, when the count
+  // is reached, not for every event, so the measurement's own wake-ups are not timed.
+  std::size_t awaited = 0;
 };
 
 Received gReceived;
@@ -58,6 +62,7 @@ void listener(const std::string& name, const std::string& payload) {
       payload.compare(0, kPrefix.size(), kPrefix) == 0 &&
       std::from_chars(payload.data() + kPrefix.size(), payload.data() + payload.size(), id).ec ==
           std::errc{};
+  bool complete = false;
   {
     std::lock_guard lock(gReceived.mutex);
     if (ok) {
@@ -65,12 +70,14 @@ void listener(const std::string& name, const std::string& payload) {
     } else {
       ++gReceived.malformed;
     }
+    complete = gReceived.ids.size() + gReceived.malformed >= gReceived.awaited;
   }
-  gReceived.arrived.notify_one();
+  if (complete) gReceived.arrived.notify_one();
 }
 
 bool waitForEvents(std::size_t count, std::chrono::seconds patience) {
   std::unique_lock lock(gReceived.mutex);
+  gReceived.awaited = count;
   return gReceived.arrived.wait_for(lock, patience, [&] { return gReceived.ids.size() >= count; });
 }
 
@@ -93,11 +100,11 @@ void Events_BuyProduct(benchmark::State& state) {
 std::string gPayload;
 std::string gToken;
 
-void Info_SignOneTransaction(benchmark::State& state) {
+void Floor_SignOneTransaction(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(gStore->signingAuthority().sign(gPayload));
 }
 
-void Info_VerifyOneTransaction(benchmark::State& state) {
+void Floor_VerifyOneTransaction(benchmark::State& state) {
   for (auto _ : state) {
     benchmark::DoNotOptimize(storekit::verifyJWS(gToken, gStore->rootCertificate()));
   }
@@ -108,8 +115,8 @@ void configure(benchmark::internal::Benchmark* b) {
 }
 
 BENCHMARK(Events_BuyProduct)->Apply(configure)->UseRealTime();
-BENCHMARK(Info_SignOneTransaction)->Apply(configure);
-BENCHMARK(Info_VerifyOneTransaction)->Apply(configure);
+BENCHMARK(Floor_SignOneTransaction)->Apply(configure)->UseRealTime();
+BENCHMARK(Floor_VerifyOneTransaction)->Apply(configure)->UseRealTime();
 
 }  // namespace
 
@@ -142,9 +149,13 @@ int main(int argc, char** argv) {
         gPushed.begin(), gPushed.end(), [&](std::uint64_t id) { return seen.count(id) == 0; }));
     std::cout << "events: " << gPushed.size() << " pushed, " << received.size() << " received ("
               << seen.size() << " distinct), " << malformed << " malformed, " << lost << " lost\n";
+    const double eventsPerSecond = bench::medianCounter(m, "Events_BuyProduct", "items_per_second");
+    const double cryptoSeconds = (bench::medianNanoseconds(m, "Floor_SignOneTransaction") +
+                                  bench::medianNanoseconds(m, "Floor_VerifyOneTransaction")) /
+                                 1e9;
     return std::vector<bench::Figure>{
-        {"p4_events_per_s", bench::medianCounter(m, "Events_BuyProduct", "items_per_second"),
-         "events/s", ""},
+        {"p4_vs_crypto", eventsPerSecond * cryptoSeconds, "x", ""},
+        {"p4_events_per_s", eventsPerSecond, "events/s", ""},
         {"p4_lost", lost + static_cast<double>(malformed), "events", ""},
     };
   });
