@@ -148,13 +148,17 @@ SQLite::Statement& fresh(SQLite::Statement& statement) {
 
 class SQLiteLedger final : public Ledger {
  public:
+  // `opening` is the transaction of the schema's creation or migration, if any: writes join
+  // it until finishOpening() commits it.
   SQLiteLedger(std::string path, std::string label, std::unique_ptr<SQLite::Database> database,
-               int lockFd, FileKey file, bool textsUnchecked)
+               int lockFd, FileKey file, bool textsUnchecked,
+               std::unique_ptr<SQLite::Transaction> opening)
       : path_(std::move(path)),
         label_(std::move(label)),
         lockFd_(lockFd),
         file_(file),
         database_(std::move(database)),
+        opening_(std::move(opening)),
         statements_(std::make_unique<Statements>(*database_)),
         textsUnchecked_(textsUnchecked) {}
 
@@ -163,6 +167,8 @@ class SQLiteLedger final : public Ledger {
   // does not close.
   ~SQLiteLedger() override {
     checkpointer_.reset();
+    statements_.reset();
+    opening_.reset();  // not finished: rolled back, the file as it was
     statements_.reset();
     database_.reset();
     if (lockFd_ >= 0) {
@@ -261,6 +267,7 @@ class SQLiteLedger final : public Ledger {
   }
 
   void write(const std::function<void(LedgerWrite&)>& changes) override;
+  void finishOpening() override;
 
  private:
   class Changes;
@@ -285,6 +292,7 @@ class SQLiteLedger final : public Ledger {
   int lockFd_;         // holds the flock that makes this ledger the file's only owner
   FileKey file_;
   std::unique_ptr<SQLite::Database> database_;
+  std::unique_ptr<SQLite::Transaction> opening_;
   std::unique_ptr<Statements> statements_;
   bool inWAL_ = false;
   bool textsUnchecked_;  // see checkExistingFile
@@ -421,7 +429,36 @@ class SQLiteLedger::Changes final : public LedgerWrite {
   std::optional<LedgerError> failure_;
 };
 
+void SQLiteLedger::finishOpening() {
+  if (!opening_) return;
+  try {
+    opening_->commit();
+    opening_.reset();
+  } catch (const SQLite::Exception& error) {
+    throw commitFailure(error);
+  }
+}
+
 void SQLiteLedger::write(const std::function<void(LedgerWrite&)>& changes) {
+  if (opening_) {
+    // Within the opening's transaction: a savepoint, so that a failed change leaves the rest.
+    try {
+      database_->exec("SAVEPOINT change");
+      try {
+        Changes writes(*this);
+        changes(writes);
+        if (writes.failure()) throw *writes.failure();
+      } catch (...) {
+        database_->exec("ROLLBACK TO change");
+        database_->exec("RELEASE change");
+        throw;
+      }
+      database_->exec("RELEASE change");
+    } catch (const SQLite::Exception& error) {
+      throw commitFailure(error);
+    }
+    return;
+  }
   try {
     if (!inWAL_) {
       database_->exec("PRAGMA journal_mode = WAL");
@@ -453,8 +490,11 @@ std::unique_ptr<Ledger> openInMemory() {
     auto database = std::make_unique<SQLite::Database>(
         ":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     configure(*database);
-    migrate(*database);
-    return std::make_unique<SQLiteLedger>("", label, std::move(database), -1, FileKey{}, false);
+    SQLite::Transaction creation(*database, SQLite::TransactionBehavior::IMMEDIATE);
+    upgrade(*database);
+    creation.commit();
+    return std::make_unique<SQLiteLedger>("", label, std::move(database), -1, FileKey{}, false,
+                                          nullptr);
   } catch (const SQLite::Exception& error) {
     throw LedgerError(label + ": cannot create: " + error.what());
   }
@@ -462,7 +502,19 @@ std::unique_ptr<Ledger> openInMemory() {
 
 }  // namespace
 
-std::unique_ptr<Ledger> Ledger::open(const std::string& path) {
+namespace {
+std::unique_ptr<Ledger> openUnfinished(const std::string& path);
+}  // namespace
+
+std::unique_ptr<Ledger> Ledger::open(const std::string& path, Opening opening) {
+  auto ledger = openUnfinished(path);
+  if (opening == Opening::committed) ledger->finishOpening();
+  return ledger;
+}
+
+namespace {
+
+std::unique_ptr<Ledger> openUnfinished(const std::string& path) {
   if (path.empty()) return openInMemory();
   const std::string label = "state file " + path;
   const std::string inUse = label + ": in use by another process";
@@ -496,10 +548,14 @@ std::unique_ptr<Ledger> Ledger::open(const std::string& path) {
       // during a commit in rollback mode leaves a hot journal, which the read-only checks of
       // the next open cannot roll back.
       if (creating) database->exec("PRAGMA journal_mode = WAL");
-      migrate(*database);
+      std::unique_ptr<SQLite::Transaction> opening;
+      if (needsUpgrade(*database)) {
+        opening = std::make_unique<SQLite::Transaction>(*database, SQLite::TransactionBehavior::IMMEDIATE);
+        upgrade(*database);
+      }
       // The last step: from here on the ledger owns the descriptor.
       return std::make_unique<SQLiteLedger>(path, label, std::move(database), fd, file,
-                                            textsUnchecked);
+                                            textsUnchecked, std::move(opening));
     } catch (const SQLite::Exception& error) {
       if (creating) throw LedgerError(label + ": cannot create: " + error.what());
       throw openFailure(label, error);
@@ -512,5 +568,7 @@ std::unique_ptr<Ledger> Ledger::open(const std::string& path) {
     throw;
   }
 }
+
+}  // namespace
 
 }  // namespace appstore

@@ -111,11 +111,16 @@ class Ledger {
  public:
   static constexpr int kSchemaVersion = 2;
 
+  // When what opening writes (a new file's schema, a migration) is committed: at once, or
+  // only at finishOpening(), for an owner that may still refuse what it reads.
+  enum class Opening { committed, untilFinished };
+
   // In memory when `path` is empty; otherwise the file, created when missing (or empty).
   // Throws LedgerError, naming the file: not a SQLite database, a SQLite database of
   // something else, damaged or truncated, a newer schema version than this build's, in use
   // by another ledger, or not creatable.
-  static std::unique_ptr<Ledger> open(const std::string& path);
+  static std::unique_ptr<Ledger> open(const std::string& path,
+                                      Opening opening = Opening::committed);
 
   virtual ~Ledger() = default;
 
@@ -128,6 +133,11 @@ class Ledger {
   virtual std::size_t transactionCount() = 0;
   virtual std::vector<LedgerGroup> groups() = 0;
   virtual std::optional<std::string> value(std::string_view key) = 0;
+
+  // Commits what opening wrote: a new file's schema, a migration to this build's schema, and
+  // every write() made before this call. Until then nothing of it is in the file, so a ledger
+  // its owner refuses after opening (and destroys) leaves the file exactly as it was.
+  virtual void finishOpening() = 0;
 
   // Applies `changes` in one SQLite transaction and commits it. When `changes` throws, or
   // the commit fails, nothing of it stays and the error goes to the caller (a failed commit

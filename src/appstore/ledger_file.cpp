@@ -137,13 +137,14 @@ std::optional<std::string> missingFromSchema(SQLite::Database& database, int ver
 
 }  // namespace
 
-void migrate(SQLite::Database& database) {
+bool needsUpgrade(SQLite::Database& database) {
+  return database.execAndGet("PRAGMA user_version").getInt() < Ledger::kSchemaVersion;
+}
+
+void upgrade(SQLite::Database& database) {
   const int version = database.execAndGet("PRAGMA user_version").getInt();
-  if (version >= Ledger::kSchemaVersion) return;
-  SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
   for (int from = version; from < Ledger::kSchemaVersion; ++from) upgradeSchema(database, from);
   database.exec("PRAGMA user_version = " + std::to_string(Ledger::kSchemaVersion));
-  transaction.commit();
 }
 
 // Committed changes survive a killed process once they are in the WAL; giving up the fsync

@@ -18,8 +18,11 @@
 
 namespace appstore::ledger_file {
 
-// Brings the schema of `database` to Ledger::kSchemaVersion, in one transaction.
-void migrate(SQLite::Database& database);
+// Whether `database` is at an older schema version than this build's (or has none yet).
+bool needsUpgrade(SQLite::Database& database);
+// Brings the schema of `database` to Ledger::kSchemaVersion; the caller holds the
+// transaction it belongs to.
+void upgrade(SQLite::Database& database);
 // The settings of every connection of a ledger.
 void configure(SQLite::Database& database);
 // Whether SQLite's error says the file is damaged.

@@ -83,7 +83,8 @@ std::shared_ptr<LocalStore> LocalStore::create(StoreConfiguration configuration,
 
 std::shared_ptr<LocalStore> LocalStore::open(const std::string& statePath,
                                              StoreConfiguration configuration) {
-  auto state = std::make_unique<State>(Ledger::open(statePath), nullptr);
+  // The file keeps every byte until the store accepts what it holds (startRenewals).
+  auto state = std::make_unique<State>(Ledger::open(statePath, Ledger::Opening::untilFinished), nullptr);
   auto signer = state->authority;
   std::shared_ptr<LocalStore> store(new LocalStore(std::move(state), std::move(signer)));
   store->loadConfiguration(std::move(configuration));
@@ -108,6 +109,7 @@ void LocalStore::startRenewals() {
     } catch (const std::exception& error) {
       std::fprintf(stderr, "StoreKit: renewals not saved: %s\n", error.what());
     }
+    state_->ledger->finishOpening();
   }
   renewalThread_ = std::jthread([this](std::stop_token stop) { renewalLoop(stop); });
 }

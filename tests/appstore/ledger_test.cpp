@@ -2,6 +2,7 @@
 // refuses (leaving their bytes as they were), one owner per file across processes, and writes
 // that fail leaving nothing of themselves.
 #include "appstore/ledger.h"
+#include "appstore/local_store.h"
 #include "appstore/wal_checkpointer.h"
 
 #include <fcntl.h>
@@ -184,6 +185,25 @@ TEST_F(LedgerTest, MigratesAFileOfTheFirstVersion) {
   EXPECT_EQ(ledger->groups().at(0).status, RenewalStatus::gracePeriod);
   EXPECT_EQ(ledger->groups().at(0).gracePeriodExpires, day(3));
   EXPECT_EQ(ledger->groups().at(0).signedRenewalInfo, "info");
+}
+
+// A migration is committed only once the store accepts what the file holds: a file of the
+// first version whose signing identity cannot be read is refused as it was.
+TEST_F(LedgerTest, AFileTheStoreRefusesAfterItsMigrationKeepsEveryByte) {
+  const auto path = dir_ / "version1-bad-identity.db";
+  fs::copy_file(VORNTESK_SOURCE_DIR "/tests/appstore/data/ledger_version_1.db", path);
+  SQLite::Database(path.string(), SQLite::OPEN_READWRITE)
+      .exec("UPDATE named_values SET value = 'not a key' WHERE key = 'signing.leafKey'");
+  const auto before = contents(path);
+  try {
+    (void)LocalStore::open(path.string());
+    ADD_FAILURE() << "opened";
+  } catch (const LedgerError& error) {
+    EXPECT_EQ(std::string(error.what()).rfind("state file " + path.string() + ": damaged (", 0), 0u)
+        << error.what();
+  }
+  EXPECT_TRUE(contents(path) == before);
+  EXPECT_EQ(SQLite::Database(path.string(), SQLite::OPEN_READONLY).execAndGet("PRAGMA user_version").getInt(), 1);
 }
 
 TEST_F(LedgerTest, KeepsEveryFieldAcrossAReopenAndListsWithoutTheTexts) {
