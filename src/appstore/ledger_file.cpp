@@ -237,13 +237,15 @@ bool checkExistingFile(const std::string& path, const std::string& label, int fd
   }
 }
 
+// Never destroyed: a ledger in a host's global (or the process's shared store) is closed
+// during exit, after statics made later than it would be gone.
 std::mutex& heldFilesMutex() {
-  static std::mutex mutex;
-  return mutex;
+  static auto* mutex = new std::mutex;
+  return *mutex;
 }
 std::set<FileKey>& heldFiles() {
-  static std::set<FileKey> files;
-  return files;
+  static auto* files = new std::set<FileKey>;
+  return *files;
 }
 
 }  // namespace appstore::ledger_file

@@ -206,6 +206,21 @@ TEST_F(LedgerTest, AFileTheStoreRefusesAfterItsMigrationKeepsEveryByte) {
   EXPECT_EQ(SQLite::Database(path.string(), SQLite::OPEN_READONLY).execAndGet("PRAGMA user_version").getInt(), 1);
 }
 
+// Made before the ledger's own statics, so destroyed after them when the process exits, as a
+// host's global store would be.
+std::unique_ptr<Ledger> gHeldAtExit;
+
+TEST_F(LedgerTest, ALedgerInAGlobalIsClosedCleanlyAtExit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto path = (dir_ / "global.db").string();
+  EXPECT_EXIT(
+      {
+        gHeldAtExit = Ledger::open(path);
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(LedgerTest, KeepsEveryFieldAcrossAReopenAndListsWithoutTheTexts) {
   // A new file is in WAL from the start, before any write: a kill during a commit in rollback
   // mode leaves a hot journal, which the next open's read-only checks cannot roll back.
