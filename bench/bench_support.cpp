@@ -1,5 +1,7 @@
 #include "bench_support.h"
 
+#include <cstdio>
+
 #include <boost/json.hpp>
 
 #include <fcntl.h>
@@ -220,6 +222,22 @@ std::string compareBytes(std::string_view expected, std::string_view actual) {
        << " bytes): expected ..." << expected.substr(from, 80) << "... got ..."
        << actual.substr(from, 80) << "...";
   return text.str();
+}
+
+std::optional<std::string> childAnswer(const std::string& command, std::string& problem) {
+  std::FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) {
+    problem = "cannot start a child";
+    return std::nullopt;
+  }
+  char line[256] = {};
+  const bool got = std::fgets(line, sizeof line, pipe) != nullptr;
+  const int status = ::pclose(pipe);
+  if (!got || status != 0) {
+    problem = got ? line : "the child gave no answer";
+    return std::nullopt;
+  }
+  return std::string(line);
 }
 
 }  // namespace bench

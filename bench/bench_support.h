@@ -48,6 +48,11 @@ int runBenchmarks(int argc, char** argv, const std::string& program,
 bool writeFigures(const std::string& out, const std::string& program,
                   const std::vector<Figure>& figures);
 
+// Runs `command` through the shell and gives the first line it prints when it exits with
+// status 0; otherwise nothing, with `problem` saying why. For measurements taken in a child
+// process of their own (resident memory).
+std::optional<std::string> childAnswer(const std::string& command, std::string& problem);
+
 // The output folder given by --out, made if it does not exist yet.
 std::string outputDirectory(int argc, char** argv);
 

@@ -137,21 +137,15 @@ int main(int argc, char** argv) {
   std::vector<double> ratios;
   std::string problem;
   for (int i = 0; i < kChildren; ++i) {
-    std::FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-      problem = "cannot start a child";
-      break;
-    }
-    char line[256] = {};
-    const bool got = std::fgets(line, sizeof line, pipe) != nullptr;
-    const int status = ::pclose(pipe);
-    std::istringstream fields(got ? line : "");
+    const auto line = bench::childAnswer(command, problem);
+    if (!line) break;
+    std::istringstream fields(*line);
     long before = 0;
     long peak = 0;
     double answerBytes = 0;
     std::size_t transactions = 0;
-    if (status != 0 || !(fields >> before >> peak >> answerBytes >> transactions)) {
-      problem = got ? line : "the child gave no answer";
+    if (!(fields >> before >> peak >> answerBytes >> transactions)) {
+      problem = *line;
       break;
     }
     if (transactions != kTransactions) {

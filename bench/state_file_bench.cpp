@@ -333,20 +333,14 @@ std::optional<double> relaunchMemory(const RelaunchFile& file, std::string& prob
   for (const auto id : file.entitlements) command.append(" ").append(std::to_string(id));
   std::vector<double> growths;
   for (int i = 0; i < kMemoryChildren; ++i) {
-    std::FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-      problem = "cannot start a child";
-      return std::nullopt;
-    }
-    char line[256] = {};
-    const bool got = std::fgets(line, sizeof line, pipe) != nullptr;
-    const int status = ::pclose(pipe);
-    std::istringstream fields(got ? line : "");
+    const auto line = bench::childAnswer(command, problem);
+    if (!line) return std::nullopt;
+    std::istringstream fields(*line);
     long before = 0;
     long peak = 0;
     long after = 0;
-    if (status != 0 || !(fields >> before >> peak >> after)) {
-      problem = got ? line : "the child gave no answer";
+    if (!(fields >> before >> peak >> after)) {
+      problem = *line;
       return std::nullopt;
     }
     growths.push_back(static_cast<double>(peak - before) * 1024.0 / 1e6);
