@@ -13,6 +13,7 @@
 #include <SQLiteCpp/Transaction.h>
 
 #include "appstore/ledger_file.h"
+#include "appstore/ledger_outbox.h"
 #include "appstore/wal_checkpointer.h"
 
 #include <array>
@@ -29,7 +30,7 @@ namespace {
 
 constexpr const char* kTypedColumns =
     "t.id, t.original_id, t.product_id, t.product_type, t.group_id, t.state, t.purchase_date, "
-    "t.expires_date, t.revocation_date, t.upgraded, t.finished";
+    "t.expires_date, t.revocation_date, t.upgraded, t.finished, t.revision, t.family_shared";
 constexpr const char* kGroupColumns =
     "group_id, original_id, original_purchase_date, latest_id, auto_renew, pending_product_id, "
     "offer_periods_left, continuing_offer, status, expiration_intent, billing_issue_since, "
@@ -75,6 +76,8 @@ LedgerTransaction typedTransaction(const SQLite::Statement& row) {
   transaction.revocationDate = optionalDate(row.getColumn(8));
   transaction.upgraded = row.getColumn(9).getInt() != 0;
   transaction.finished = row.getColumn(10).getInt() != 0;
+  transaction.revision = static_cast<std::uint64_t>(row.getColumn(11).getInt64());
+  transaction.familyShared = row.getColumn(12).getInt() != 0;
   return transaction;
 }
 
@@ -85,8 +88,8 @@ struct Statements {
       : putTransaction(database,
                        "INSERT OR REPLACE INTO transactions (id, original_id, product_id, "
                        "product_type, group_id, state, purchase_date, expires_date, "
-                       "revocation_date, upgraded, finished) "
-                       "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)"),
+                       "revocation_date, upgraded, finished, revision, family_shared) "
+                       "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)"),
         putTexts(database,
                  "INSERT OR REPLACE INTO transaction_texts (id, payload, request, signed_form) "
                  "VALUES (?1, ?2, ?3, ?4)"),
@@ -160,7 +163,11 @@ class SQLiteLedger final : public Ledger {
         database_(std::move(database)),
         opening_(std::move(opening)),
         statements_(std::make_unique<Statements>(*database_)),
-        textsUnchecked_(textsUnchecked) {}
+        outbox_(std::make_unique<ledger_outbox::Outbox>(*database_)),
+        textsUnchecked_(textsUnchecked),
+        nextRevision_(static_cast<std::uint64_t>(
+            database_->execAndGet("SELECT ifnull(max(revision), 0) + 1 FROM transactions")
+                .getInt64())) {}
 
   // SQLite's connection is closed, and has checkpointed the WAL, before the file is given up
   // to the next owner; the statements go first because a connection with live statements
@@ -168,6 +175,7 @@ class SQLiteLedger final : public Ledger {
   ~SQLiteLedger() override {
     checkpointer_.reset();
     statements_.reset();
+    outbox_.reset();
     opening_.reset();  // not finished: rolled back, the file as it was
     statements_.reset();
     database_.reset();
@@ -186,9 +194,9 @@ class SQLiteLedger final : public Ledger {
       bindId(query, 1, id);
       if (!query.executeStep()) return std::nullopt;
       auto found = typedTransaction(query);
-      found.payload = query.getColumn(11).getString();
-      found.request = query.getColumn(12).getString();
-      found.signedForm = query.getColumn(13).getString();
+      found.payload = query.getColumn(13).getString();
+      found.request = query.getColumn(14).getString();
+      found.signedForm = query.getColumn(15).getString();
       query.reset();
       return found;
     });
@@ -266,6 +274,19 @@ class SQLiteLedger final : public Ledger {
     });
   }
 
+  std::vector<LedgerNotification> notifications(const NotificationQuery& query) override {
+    return read([&] { return outbox_->find(query); });
+  }
+  std::vector<LedgerNotification> dueNotifications(platform::Date now, std::size_t limit) override {
+    return read([&] { return outbox_->due(now, limit); });
+  }
+  std::optional<platform::Date> nextNotificationDue() override {
+    return read([&] { return outbox_->nextDue(); });
+  }
+  std::optional<LedgerNotification> testNotification(std::string_view token) override {
+    return read([&] { return outbox_->byTestToken(token); });
+  }
+
   void write(const std::function<void(LedgerWrite&)>& changes) override;
   void finishOpening() override;
 
@@ -294,8 +315,10 @@ class SQLiteLedger final : public Ledger {
   std::unique_ptr<SQLite::Database> database_;
   std::unique_ptr<SQLite::Transaction> opening_;
   std::unique_ptr<Statements> statements_;
+  std::unique_ptr<ledger_outbox::Outbox> outbox_;
   bool inWAL_ = false;
   bool textsUnchecked_;  // see checkExistingFile
+  std::uint64_t nextRevision_;  // a revision number spent by a rolled-back write is not reused
   std::unique_ptr<WalCheckpointer> checkpointer_;  // state files, once in WAL
 };
 
@@ -317,6 +340,8 @@ class SQLiteLedger::Changes final : public LedgerWrite {
       bindDate(row, 9, transaction.revocationDate);
       row.bind(10, transaction.upgraded ? 1 : 0);
       row.bind(11, transaction.finished ? 1 : 0);
+      bindId(row, 12, ledger_.nextRevision_++);
+      row.bind(13, transaction.familyShared ? 1 : 0);
       row.exec();
       auto& texts = fresh(statements_.putTexts);
       bindId(texts, 1, transaction.id);
@@ -395,6 +420,15 @@ class SQLiteLedger::Changes final : public LedgerWrite {
       row.bind(2, std::string(value));
       row.exec();
     });
+  }
+
+  void putNotification(LedgerNotification& notification) override {
+    apply([&] { ledger_.outbox_->put(notification); });
+  }
+
+  void recordSendAttempt(std::uint64_t sequence, const LedgerSendAttempt& attempt,
+                         std::optional<platform::Date> nextAttempt) override {
+    apply([&] { ledger_.outbox_->recordAttempt(sequence, attempt, nextAttempt); });
   }
 
   // The failure a change met. The write fails with it even when the caller's code caught it

@@ -52,6 +52,9 @@ struct LedgerTransaction {
   std::optional<platform::Date> revocationDate;
   bool upgraded = false;
   bool finished = false;
+  bool familyShared = false;  // a family member's purchase shared with this account
+  // The order of the entry's latest change among all entries; the ledger sets it on every put.
+  std::uint64_t revision = 0;
   // Read only by transaction(id); left empty by the list queries.
   std::string payload;     // the JSON text the store signed (purchased entries)
   std::string request;     // what a pending or interrupted request will buy (JSON text)
@@ -84,6 +87,42 @@ struct LedgerGroup {
   std::optional<platform::Date> recentStart;
 };
 
+// One attempt to deliver a notification: when, and Apple's name for how it went ("SUCCESS",
+// "NO_RESPONSE", "UNSUCCESSFUL_HTTP_RESPONSE_CODE", ...).
+struct LedgerSendAttempt {
+  platform::Date date;
+  std::string result;
+};
+
+// A notification in the outbox: signed once when the change it tells of is committed, then
+// sent until delivered or given up.
+struct LedgerNotification {
+  std::uint64_t sequence = 0;  // the order of creation; the ledger sets it
+  std::string uuid;
+  std::string type;
+  std::string subtype;  // empty for none
+  // The subscription or purchase it tells of; none for a test or a summary.
+  std::optional<std::uint64_t> originalTransactionID;
+  platform::Date created;
+  // When it is next due to be sent; none once delivered or given up.
+  std::optional<platform::Date> nextAttempt;
+  std::optional<std::string> testToken;  // a test notification's token
+  std::string signedPayload;
+  std::vector<LedgerSendAttempt> attempts;  // oldest first
+};
+
+// Which notifications a history page answers, in creation order.
+struct NotificationQuery {
+  platform::Date start;  // created at or after
+  platform::Date end;    // created before
+  std::optional<std::string> type;
+  std::optional<std::string> subtype;
+  bool onlyWithTransaction = false;  // leaves out tests and summaries
+  bool onlyFailures = false;         // none of its attempts succeeded
+  std::uint64_t afterSequence = 0;
+  std::size_t limit = 20;
+};
+
 // Which transactions a list query answers, in id order.
 enum class Selection {
   everything,         // every entry, whatever its state
@@ -105,11 +144,17 @@ class LedgerWrite {
   virtual void putGroup(const LedgerGroup& group) = 0;
   virtual void removeGroup(std::string_view groupID) = 0;
   virtual void putValue(std::string_view key, std::string_view value) = 0;
+  // Adds a notification to the outbox (its sequence is set).
+  virtual void putNotification(LedgerNotification& notification) = 0;
+  // Records an attempt to send notification `sequence`; `nextAttempt` is when it is due again,
+  // none when delivered or given up.
+  virtual void recordSendAttempt(std::uint64_t sequence, const LedgerSendAttempt& attempt,
+                                 std::optional<platform::Date> nextAttempt) = 0;
 };
 
 class Ledger {
  public:
-  static constexpr int kSchemaVersion = 2;
+  static constexpr int kSchemaVersion = 3;
 
   // When what opening writes (a new file's schema, a migration) is committed: at once, or
   // only at finishOpening(), for an owner that may still refuse what it reads.
@@ -133,6 +178,14 @@ class Ledger {
   virtual std::size_t transactionCount() = 0;
   virtual std::vector<LedgerGroup> groups() = 0;
   virtual std::optional<std::string> value(std::string_view key) = 0;
+
+  // The outbox. notifications() reads the attempts too; due() answers those due at `now`,
+  // oldest first, at most `limit`; nextDue() is the earliest time one is due.
+  virtual std::vector<LedgerNotification> notifications(const NotificationQuery& query) = 0;
+  virtual std::vector<LedgerNotification> dueNotifications(platform::Date now,
+                                                           std::size_t limit) = 0;
+  virtual std::optional<platform::Date> nextNotificationDue() = 0;
+  virtual std::optional<LedgerNotification> testNotification(std::string_view token) = 0;
 
   // Commits what opening wrote: a new file's schema, a migration to this build's schema, and
   // every write() made before this call. Until then nothing of it is in the file, so a ledger

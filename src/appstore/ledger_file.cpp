@@ -78,6 +78,53 @@ void upgradeSchema(SQLite::Database& database, int from) {
         ALTER TABLE subscription_groups ADD COLUMN recent_start INTEGER;
       )sql");
       break;
+    case 2:
+      // What the App Store's server side answers from. `revision` orders transactions by
+      // their latest change (history pages follow it); an older file's rows take their id.
+      // Ownership was only in the signed payload before. The outbox holds each notification
+      // once, signed, with its send attempts; the two request tables keep what a developer's
+      // server asked for (renewal extensions for all subscribers, consumption information).
+      database.exec(R"sql(
+        ALTER TABLE transactions ADD COLUMN revision INTEGER NOT NULL DEFAULT 0;
+        ALTER TABLE transactions ADD COLUMN family_shared INTEGER NOT NULL DEFAULT 0;
+        UPDATE transactions SET revision = id;
+        UPDATE transactions SET family_shared = 1 WHERE id IN (
+          SELECT id FROM transaction_texts
+          WHERE json_valid(payload)
+            AND json_extract(payload, '$.inAppOwnershipType') = 'FAMILY_SHARED');
+        CREATE TABLE notifications (
+          sequence INTEGER PRIMARY KEY,
+          uuid TEXT NOT NULL UNIQUE,
+          notification_type TEXT NOT NULL,
+          subtype TEXT NOT NULL,
+          original_transaction_id INTEGER,
+          created INTEGER NOT NULL,
+          next_attempt INTEGER,
+          test_token TEXT,
+          signed_payload TEXT NOT NULL);
+        CREATE TABLE send_attempts (
+          notification INTEGER NOT NULL,
+          attempt_date INTEGER NOT NULL,
+          result TEXT NOT NULL);
+        CREATE INDEX send_attempts_by_notification ON send_attempts (notification);
+        CREATE INDEX notifications_due ON notifications (next_attempt)
+          WHERE next_attempt IS NOT NULL;
+        CREATE TABLE mass_extensions (
+          request_identifier TEXT NOT NULL,
+          product_id TEXT NOT NULL,
+          request TEXT NOT NULL,
+          created INTEGER NOT NULL,
+          complete_date INTEGER,
+          succeeded INTEGER NOT NULL,
+          failed INTEGER NOT NULL,
+          PRIMARY KEY (request_identifier, product_id)) WITHOUT ROWID;
+        CREATE TABLE consumption_requests (
+          transaction_id INTEGER PRIMARY KEY,
+          reason TEXT NOT NULL,
+          requested INTEGER NOT NULL,
+          information TEXT NOT NULL);
+      )sql");
+      break;
   }
 }
 
@@ -101,8 +148,9 @@ constexpr const char* kRenewalDatesOutOfRange = R"sql(
 
 // The tables the store reads as it opens. The signed texts, nearly all of a file's bytes, are
 // read only when asked for; checking their pages at open would read the whole file.
-constexpr const char* kTablesCheckedAtOpen[] = {"sqlite_schema", "transactions",
-                                                 "subscription_groups", "named_values"};
+constexpr const char* kTablesCheckedAtOpen[] = {
+    "sqlite_schema",  "transactions",    "subscription_groups", "named_values",  "notifications",
+    "send_attempts",  "mass_extensions", "consumption_requests"};
 // The columns of each table of `database`.
 std::map<std::string, std::set<std::string>> columnsOf(SQLite::Database& database) {
   std::map<std::string, std::set<std::string>> tables;

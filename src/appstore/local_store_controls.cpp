@@ -396,8 +396,7 @@ void LocalStore::revokeFamilySharing(std::uint64_t identifier) {
   std::lock_guard lock(mutex_);
   auto& state = *state_;
   auto draft = state.draftOf(identifier);
-  const auto* ownership = draft ? draft->payload.if_contains("inAppOwnershipType") : nullptr;
-  if (!ownership || *ownership != "FAMILY_SHARED") {
+  if (!draft || !draft->row.familyShared) {
     invalid("transaction " + idText(identifier) + " is not shared by the family");
   }
   if (draft->row.revocationDate) invalid("transaction " + idText(identifier) + " is already revoked");

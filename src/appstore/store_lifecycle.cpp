@@ -211,8 +211,7 @@ RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
   });
   if (found == groups.end()) {
     const auto row = ledger->transaction(request.originalTransactionID);
-    const auto shared = row ? payloadOf(*row).if_contains("inAppOwnershipType") : nullptr;
-    if (shared && *shared == "FAMILY_SHARED") {
+    if (row && row->familyShared) {
       refuse(Reason::familyShared, "a family member's access cannot be extended directly");
     }
     refuse(Reason::notFound, "no subscription " + std::to_string(request.originalTransactionID));

@@ -42,6 +42,8 @@ void takeColumnsFromPayload(Draft& draft) {
   row.revocationDate = dateIn(draft.payload, "revocationDate");
   const auto* upgraded = draft.payload.if_contains("isUpgraded");
   row.upgraded = upgraded && upgraded->is_bool() && upgraded->get_bool();
+  const auto* ownership = draft.payload.if_contains("inAppOwnershipType");
+  row.familyShared = ownership && *ownership == "FAMILY_SHARED";
 }
 
 // Requests and offers wait in the ledger as JSON, to be carried out after a relaunch.

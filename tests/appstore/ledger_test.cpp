@@ -160,9 +160,20 @@ TEST_F(LedgerTest, MigratesAFileOfTheFirstVersion) {
     EXPECT_EQ(old.execAndGet("PRAGMA user_version").getInt(), 1);
     return old.execAndGet("SELECT signed_form FROM transaction_texts WHERE id = 2").getString();
   }();
+  // Ownership was only in the payload then: the migration reads it from there once.
+  SQLite::Database(path.string(), SQLite::OPEN_READWRITE)
+      .exec("UPDATE transaction_texts SET payload = json_set(payload, '$.inAppOwnershipType', "
+            "'FAMILY_SHARED') WHERE id = 1");
   {
     const auto ledger = Ledger::open(path.string());
     EXPECT_EQ(ids(ledger->transactions(Selection::everything)), (Ids{1, 2}));
+    EXPECT_TRUE(ledger->transaction(1)->familyShared);
+    EXPECT_FALSE(ledger->transaction(2)->familyShared);
+    // Older rows are ordered by id; a change made now comes after all of them.
+    EXPECT_EQ(ledger->transaction(2)->revision, 2u);
+    auto refunded = *ledger->transaction(1);
+    ledger->write([&](LedgerWrite& write) { write.putTransaction(refunded); });
+    EXPECT_EQ(ledger->transaction(1)->revision, 3u);
     EXPECT_TRUE(ledger->transaction(1)->revocationDate);
     EXPECT_EQ(ledger->signedForm(2), signedBefore);
     const auto groups = ledger->groups();
