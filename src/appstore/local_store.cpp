@@ -379,6 +379,7 @@ void LocalStore::advanceTime(milliseconds amount) {
     state.putCounters(write);
   });
   state.broadcast(renewed);
+  if (state.outboxListener) state.outboxListener();  // retries may have come due
   wakeRenewals();
 }
 

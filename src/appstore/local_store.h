@@ -28,6 +28,7 @@
 
 #include <boost/json/object.hpp>
 
+#include "appstore/ledger.h"
 #include "appstore/renewal_status.h"
 #include "appstore/signing_authority.h"
 #include "appstore/store_configuration.h"
@@ -253,6 +254,15 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   void resolveIssueForTransaction(std::uint64_t identifier);
   // `reason` is the revocation reason's raw value (0 other, 1 a developer issue).
   void refundTransaction(std::uint64_t identifier, std::int64_t reason = 0);
+  // The customer asks for a refund in the app, for a reason by Apple's name
+  // ("UNINTENDED_PURCHASE", "FULFILLMENT_ISSUE", "UNSATISFIED_WITH_PURCHASE", "LEGAL", "OTHER"):
+  // Apple asks the developer's server for consumption information, and a subscription's
+  // renewal is turned off. Apple then grants it (refundTransaction) or declines it.
+  void requestRefund(std::uint64_t identifier, const std::string& reason);
+  void declineRefund(std::uint64_t identifier);
+  // A granted refund reversed after a dispute: the transaction is reinstated (through the
+  // update stream); a subscription keeps its renewal date.
+  void reverseRefund(std::uint64_t identifier);
   void expireSubscription(const std::string& productID);
   void forceRenewalOfSubscription(const std::string& productID);
   void disableAutoRenewForTransaction(std::uint64_t identifier);
@@ -290,6 +300,27 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // Moves the store clock ahead; subscriptions that come due renew before this returns.
   void advanceTime(std::chrono::milliseconds amount);
   void advanceTime(double seconds);
+
+  // --- Server Notifications -----------------------------------------------------------------
+  // Where notifications go. From when it is set, every change Apple notifies about is signed
+  // into a notification and kept in the outbox (in the same commit as the change) until it is
+  // delivered or given up; empty (the default) makes none.
+  void setNotificationsURL(std::string url);
+  std::string notificationsURL() const;
+  // Told of every notification added to the outbox, of a new URL and of the clock moving, with
+  // the store's lock held: it may only wake whoever delivers (who then calls the store).
+  void setOutboxListener(std::function<void()> listener);
+  // The notifications due at the store clock's now, oldest first, with their attempts.
+  std::vector<LedgerNotification> dueNotifications(std::size_t limit);
+  std::optional<platform::Date> nextNotificationDue();
+  // Records an attempt to deliver `notification` as due from dueNotifications, named as Apple
+  // names its results ("SUCCESS", "TIMED_OUT", ...). A failure is tried again 1, 12, 24, 48
+  // and 72 hours (store clock) after the attempt before it, then given up.
+  void recordSendAttempt(const LedgerNotification& notification, const std::string& result);
+  std::vector<LedgerNotification> notificationHistory(const NotificationQuery& query);
+  // A TEST notification; its token, or nothing when no notifications URL is set.
+  std::optional<std::string> requestTestNotification();
+  std::optional<LedgerNotification> testNotification(const std::string& token);
 
   // --- For tests ---------------------------------------------------------------------------
   // Signs `payload` (App Store transaction JSON) and adds it to the history as purchased and

@@ -252,27 +252,6 @@ void LocalStore::resolveIssueForTransaction(std::uint64_t identifier) {
   wakeRenewals();
 }
 
-void LocalStore::refundTransaction(std::uint64_t identifier, std::int64_t reason) {
-  std::lock_guard lock(mutex_);
-  auto& state = *state_;
-  auto draft = state.draftOf(identifier);
-  if (!draft) invalid("no transaction " + idText(identifier));
-  if (draft->row.revocationDate) invalid("transaction " + idText(identifier) + " is already refunded");
-  draft->payload["revocationDate"] = platform::millisecondsSince1970(state.now());
-  draft->payload["revocationReason"] = reason;
-  SignedTransaction refunded;
-  state.commit([&](LedgerWrite& write) {
-    refunded = state.sign(write, *draft);
-    if (auto* group = state.groupOf(draft->row); group && group->latestID == identifier) {
-      auto changed = *group;
-      changed.autoRenew = false;
-      changed.status = RenewalStatus::revoked;
-      state.putGroup(write, changed);
-    }
-  });
-  state.broadcast({refunded});
-}
-
 void LocalStore::expireSubscription(const std::string& productID) {
   std::lock_guard lock(mutex_);
   auto& state = *state_;
@@ -302,6 +281,7 @@ void LocalStore::forceRenewalOfSubscription(const std::string& productID) {
     if (!renewal) return;
     changed.autoRenew = true;
     state.putGroup(write, changed);
+    state.notify(write, "DID_RENEW", "", renewal->id);
   });
   if (!renewal) invalid(productID + " can no longer renew");
   state.broadcast({*renewal});
@@ -323,8 +303,13 @@ void LocalStore::enableAutoRenew(std::uint64_t identifier, bool enabled) {
   auto* group = row ? state.groupOf(*row) : nullptr;
   if (!group) invalid("transaction " + idText(identifier) + " is not an auto-renewable subscription");
   auto changed = *group;
+  if (changed.autoRenew == enabled) return;
   changed.autoRenew = enabled;
-  state.commit([&](LedgerWrite& write) { state.putGroup(write, changed); });
+  state.commit([&](LedgerWrite& write) {
+    state.putGroup(write, changed);
+    state.notify(write, "DID_CHANGE_RENEWAL_STATUS",
+                 enabled ? "AUTO_RENEW_ENABLED" : "AUTO_RENEW_DISABLED", changed.latestID);
+  });
   wakeRenewals();
 }
 
@@ -349,7 +334,10 @@ void LocalStore::requestPriceIncreaseConsentForTransaction(std::uint64_t identif
   auto group = subscriptionOf(state, identifier);
   group.renewalPrice = newPrice.toString();
   group.priceIncreaseStatus = consentRequired ? 0 : 1;
-  state.commit([&](LedgerWrite& write) { state.putGroup(write, group); });
+  state.commit([&](LedgerWrite& write) {
+    state.putGroup(write, group);
+    state.notify(write, "PRICE_INCREASE", consentRequired ? "PENDING" : "ACCEPTED", group.latestID);
+  });
 }
 
 void LocalStore::consentToPriceIncrease(std::uint64_t identifier) {
@@ -363,7 +351,10 @@ void LocalStore::consentToPriceIncrease(std::uint64_t identifier) {
     group.expirationIntent.reset();
     group.autoRenew = true;
   }
-  state.commit([&](LedgerWrite& write) { state.putGroup(write, group); });
+  state.commit([&](LedgerWrite& write) {
+    state.putGroup(write, group);
+    state.notify(write, "PRICE_INCREASE", "ACCEPTED", group.latestID);
+  });
   wakeRenewals();
 }
 
@@ -374,7 +365,10 @@ void LocalStore::declinePriceIncrease(std::uint64_t identifier) {
   if (group.priceIncreaseStatus != 0) invalid("no price increase waits for consent on " + idText(identifier));
   group.autoRenew = false;
   group.expirationIntent = kIntentPriceIncrease;
-  state.commit([&](LedgerWrite& write) { state.putGroup(write, group); });
+  state.commit([&](LedgerWrite& write) {
+    state.putGroup(write, group);
+    state.notify(write, "DID_CHANGE_RENEWAL_STATUS", "AUTO_RENEW_DISABLED", group.latestID);
+  });
   wakeRenewals();
 }
 
@@ -404,7 +398,10 @@ void LocalStore::revokeFamilySharing(std::uint64_t identifier) {
   draft->payload["revocationReason"] = 0;
   draft->payload["revocationType"] = "FAMILY_REVOKE";
   SignedTransaction revoked;
-  state.commit([&](LedgerWrite& write) { revoked = state.sign(write, *draft); });
+  state.commit([&](LedgerWrite& write) {
+    revoked = state.sign(write, *draft);
+    state.notify(write, "REVOKE", "", identifier);
+  });
   state.broadcast({revoked});
 }
 

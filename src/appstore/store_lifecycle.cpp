@@ -107,6 +107,9 @@ std::vector<SignedTransaction> LocalStore::State::renewDue(LedgerWrite& write) {
             group.autoRenew = false;
           }
           if (!group.expirationIntent) group.expirationIntent = kIntentCancelled;
+          putGroup(write, group);
+          notify(write, "EXPIRED", expirySubtype(group.expirationIntent), group.latestID, due);
+          changed = false;
           break;
         }
         if (settings.shouldEnterBillingRetryOnRenewal) {
@@ -119,23 +122,35 @@ std::vector<SignedTransaction> LocalStore::State::renewDue(LedgerWrite& write) {
           } else {
             group.status = RenewalStatus::billingRetry;
           }
+          putGroup(write, group);
+          notify(write, "DID_FAIL_TO_RENEW",
+                 group.status == RenewalStatus::gracePeriod ? "GRACE_PERIOD" : "", group.latestID, due);
+          changed = false;
           continue;
         }
         auto renewal = renew(write, group, due);
         if (!renewal) continue;  // no longer for sale: expires on the next step
+        notify(write, "DID_RENEW", "", renewal->id, due);
+        changed = false;
         renewed.push_back(std::move(*renewal));
       } else if (group.status == RenewalStatus::gracePeriod) {
         if (!group.gracePeriodExpires || *group.gracePeriodExpires > current) break;
+        const auto ended = *group.gracePeriodExpires;
         group.status = RenewalStatus::billingRetry;
         group.gracePeriodExpires.reset();
-        changed = true;
+        putGroup(write, group);
+        notify(write, "GRACE_PERIOD_EXPIRED", "", group.latestID, ended);
+        changed = false;
       } else if (group.status == RenewalStatus::billingRetry) {
         const auto since = group.billingIssueSince.value_or(current);
         if (since + billingRetryLength(settings.timeRate) > current) break;
         group.status = RenewalStatus::expired;
         group.expirationIntent = kIntentBillingError;
         group.billingIssueSince.reset();
-        changed = true;
+        putGroup(write, group);
+        notify(write, "EXPIRED", expirySubtype(group.expirationIntent), group.latestID,
+               since + billingRetryLength(settings.timeRate));
+        changed = false;
         break;
       } else {
         break;
@@ -186,7 +201,9 @@ std::optional<SignedTransaction> LocalStore::State::recoverBillingIssue(LedgerWr
     const auto start = group.status == RenewalStatus::gracePeriod
                            ? group.billingIssueSince.value_or(now())
                            : now();
-    return renew(write, group, start);
+    auto renewal = renew(write, group, start);
+    if (renewal) notify(write, "DID_RENEW", "BILLING_RECOVERY", renewal->id);
+    return renewal;
   }
   return std::nullopt;
 }
@@ -259,6 +276,7 @@ RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
                                 {"effective", platform::millisecondsSince1970(effective)}});
   group.extensions = json::serialize(granted);
   putGroup(write, group);
+  notify(write, "RENEWAL_EXTENDED", "", group.latestID);
   return {group.originalID, webOrderLineItemID, true, effective};
 }
 

@@ -341,7 +341,13 @@ SignedTransaction LocalStore::State::shareWithFamily(LedgerWrite& write, const C
   auto draft = newTransaction(product, request, "PURCHASE", now(), std::nullopt, nullptr, std::nullopt);
   draft.payload["inAppOwnershipType"] = "FAMILY_SHARED";
   putCounters(write);
-  return sign(write, draft);
+  auto shared = sign(write, draft);
+  if (product.kind == Kind::autoRenewable) {
+    notify(write, "SUBSCRIBED", "INITIAL_BUY", draft.row.id);
+  } else {
+    notify(write, "ONE_TIME_CHARGE", "", draft.row.id);
+  }
+  return shared;
 }
 
 SignedTransaction LocalStore::State::sign(LedgerWrite& write, Draft& draft) {
@@ -381,7 +387,9 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
     auto draft = newTransaction(product, request, "PURCHASE", purchaseDate, std::nullopt, nullptr, presetID);
     created = true;
     putCounters(write);
-    return sign(write, draft);
+    auto signedTransaction = sign(write, draft);
+    notify(write, "ONE_TIME_CHARGE", "", draft.row.id);
+    return signedTransaction;
   }
 
   const auto found = groups.find(product.subscriptionGroupID);
@@ -396,6 +404,7 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
         group->pendingProductID.reset();
         group->autoRenew = true;
         putGroup(write, *group);
+        notify(write, "DID_CHANGE_RENEWAL_PREF", "", latest->row.id);
       }
       return existing(latest->row.id);
     }
@@ -408,6 +417,8 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
       group->pendingProductID = product.productID;
       group->autoRenew = true;
       putGroup(write, *group);
+      notify(write, request.offer ? "OFFER_REDEEMED" : "DID_CHANGE_RENEWAL_PREF", "DOWNGRADE",
+             latest->row.id);
       return existing(latest->row.id);
     }
     latest->payload["isUpgraded"] = true;
@@ -424,6 +435,8 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
     group->renewalPrice.clear();
     putGroup(write, *group);
     putCounters(write);
+    notify(write, request.offer ? "OFFER_REDEEMED" : "DID_CHANGE_RENEWAL_PREF", "UPGRADE",
+           draft.row.id);
     created = true;
     wake = true;
     return signedTransaction;
@@ -438,6 +451,7 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
   auto draft = newTransaction(product, request, "PURCHASE", purchaseDate, offer,
                               group ? &*group : nullptr, presetID);
   const auto signedTransaction = sign(write, draft);
+  const char* subscribed = group ? "RESUBSCRIBE" : "INITIAL_BUY";
   if (!group) {
     group = LedgerGroup{};
     group->groupID = product.subscriptionGroupID;
@@ -462,6 +476,7 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
   group->continuingOffer = group->offerPeriodsLeft > 0 ? serialized(offer) : std::string();
   putGroup(write, *group);
   putCounters(write);
+  notify(write, "SUBSCRIBED", subscribed, draft.row.id);
   created = true;
   wake = true;
   return signedTransaction;

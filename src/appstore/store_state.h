@@ -120,6 +120,22 @@ class LocalStore::State {
 
   void broadcast(const std::vector<SignedTransaction>& transactions);
 
+  // Server Notifications (store_notifications.cpp). Each is signed and added to the outbox in
+  // the write that makes the change it tells of, dated `at` (the store clock's now when
+  // absent); nothing is made while no notifications URL is set. notify() tells of transaction
+  // `transactionID` (after this write's changes), with its subscription's renewal info and
+  // status when it is an auto-renewable one.
+  void notify(LedgerWrite& write, std::string_view type, std::string_view subtype,
+              std::uint64_t transactionID, std::optional<platform::Date> at = std::nullopt);
+  // A notification whose body is `body` ("data" or "summary" with its members); answers it.
+  LedgerNotification notifyWith(LedgerWrite& write, std::string_view type, std::string_view subtype,
+                                boost::json::object body, std::optional<std::uint64_t> originalID,
+                                std::optional<platform::Date> at = std::nullopt);
+  // What every notification's data carries about the app.
+  boost::json::object appData() const;
+  // The expiry notification's subtype for an expiration intent.
+  static const char* expirySubtype(std::optional<int> expirationIntent);
+
   std::shared_ptr<const SigningAuthority> authority;
   std::unique_ptr<Ledger> ledger;
 
@@ -133,6 +149,8 @@ class LocalStore::State {
   std::optional<NextPurchaseResult> nextPurchase;
   std::vector<TransactionListener> listeners;
   bool wake = false;
+  std::string notificationsURL;  // empty: no notifications are made
+  std::function<void()> outboxListener;  // told, with the store's lock held, of new notifications
 
   // What the ledger keeps, cached; reload() reads it back.
   platform::UUID deviceID{platform::UUID::Bytes{}};

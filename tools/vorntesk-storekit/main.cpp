@@ -6,6 +6,7 @@
 #include "platform/system_version.h"
 #include "appstore/local_store.h"
 #include "appstore/server/app_store_server.h"
+#include "appstore/server/notification_sender.h"
 #include "store_controls.h"
 
 #include <filesystem>
@@ -22,6 +23,7 @@ void printHelp(std::ostream& out) {
   out << R"(Usage: vorntesk-storekit [--config FILE.storekit] [--state FILE] [--environment NAME]
                          [--export-root FILE] [--os-version X.Y] [--transcript]
                          [--server [HOST:]PORT --api-key FILE.p8 --key-id ID --issuer-id ID]
+                         [--notifications-url URL]
 
 Runs the AppleStoreKitService against a simulated App Store and speaks JSON Lines:
 one JSON object per line on standard input, one per line on standard output.
@@ -47,6 +49,11 @@ Options:
                     (PKCS#8 PEM, as App Store Connect gives it); created if missing
   --key-id ID       that key's id (the tokens' "kid")
   --issuer-id ID    the issuer id (the tokens' "iss")
+  --notifications-url URL
+                    send App Store Server Notifications V2 for every change of the ledger
+                    to URL (POST {"signedPayload": ...}); a failed delivery is retried 1,
+                    12, 24, 48 and 72 hours later on the store clock, and what is not yet
+                    delivered at exit goes out after the next launch with the same --state
   --os-version X.Y  the system version the service converts for (default 26.0)
   --transcript      write a transcript for people instead of JSON Lines: requests
                     echoed, answers and events marked, long strings shortened
@@ -108,7 +115,7 @@ int main(int argc, char** argv) {
   std::string statePath;
   std::string environment = "Xcode";
   std::string exportRoot;
-  std::string serverAddress, apiKey, keyID, issuerID;
+  std::string serverAddress, apiKey, keyID, issuerID, notificationsURL;
   auto output = vorntesk_storekit::HostDriver::Output::protocol;
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
@@ -122,11 +129,14 @@ int main(int argc, char** argv) {
     }
     if ((argument == "--config" || argument == "--os-version" || argument == "--state" ||
          argument == "--environment" || argument == "--export-root" || argument == "--server" ||
-         argument == "--api-key" || argument == "--key-id" || argument == "--issuer-id") &&
+         argument == "--api-key" || argument == "--key-id" || argument == "--issuer-id" ||
+         argument == "--notifications-url") &&
         i + 1 < argc) {
       const std::string value = argv[++i];
       if (argument == "--server") {
         serverAddress = value;
+      } else if (argument == "--notifications-url") {
+        notificationsURL = value;
       } else if (argument == "--api-key") {
         apiKey = value;
       } else if (argument == "--key-id") {
@@ -155,6 +165,7 @@ int main(int argc, char** argv) {
   }
 
   std::unique_ptr<appstore::server::AppStoreServer> server;
+  std::unique_ptr<appstore::server::NotificationSender> sender;
   try {
     auto loaded = appstore::StoreConfiguration::load(configuration);
     auto store = statePath.empty() ? appstore::LocalStore::create(std::move(loaded))
@@ -185,6 +196,10 @@ int main(int argc, char** argv) {
       server = appstore::server::AppStoreServer::start(store, std::move(options));
       vorntesk_storekit::announceServer(server->url());
     }
+    if (!notificationsURL.empty()) {
+      store->setNotificationsURL(notificationsURL);
+      sender = appstore::server::NotificationSender::start(store);
+    }
     appstore::LocalStore::setShared(std::move(store));
   } catch (const std::exception& error) {
     std::cerr << "vorntesk-storekit: " << error.what() << "\n";
@@ -200,6 +215,7 @@ int main(int argc, char** argv) {
   Vorn_Tesk_AppleStoreKitService_Register();
   driver.run(std::cin);
   server.reset();
+  sender.reset();
   // The ledger closes with the store: SQLite folds its write-ahead log back into the state
   // file, which then holds everything by itself (a file copied after exit is complete).
   appstore::LocalStore::setShared(nullptr);

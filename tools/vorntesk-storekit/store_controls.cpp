@@ -369,6 +369,49 @@ const std::map<std::string, Control, std::less<>>& controls() {
            s.refundTransaction(a.identifier("identifier"), reason);
            return object{};
          }});
+    add({{"requestRefund",
+          "identifier, reason: \"UNINTENDED_PURCHASE\" | \"FULFILLMENT_ISSUE\" | "
+          "\"UNSATISFIED_WITH_PURCHASE\" | \"LEGAL\" | \"OTHER\"",
+          "the customer asks for a refund in the app: a consumption request to the developer's "
+          "server, and a subscription's renewal turned off",
+          R"({"id":1,"store":"requestRefund","identifier":2,"reason":"UNINTENDED_PURCHASE"})"},
+         [](LocalStore& s, const Arguments& a) {
+           s.requestRefund(a.identifier("identifier"), a.string("reason"));
+           return object{};
+         }});
+    byIdentifier("declineRefund", "Apple declines a refund the customer asked for",
+                 &LocalStore::declineRefund);
+    byIdentifier("reverseRefund",
+                 "a granted refund is reversed: the transaction is reinstated through the update "
+                 "stream",
+                 &LocalStore::reverseRefund);
+    add({{"notifications", "",
+          "the Server Notifications the store made (with --notifications-url), oldest first: "
+          "type, subtype, dates and every send attempt",
+          R"({"id":1,"store":"notifications"})"},
+         [](LocalStore& s, const Arguments&) {
+           appstore::NotificationQuery query;
+           query.start = platform::dateFromMillisecondsSince1970(0);
+           query.end = platform::dateFromMillisecondsSince1970(253402300799999);
+           query.limit = 100000;
+           boost::json::array listed;
+           for (const auto& made : s.notificationHistory(query)) {
+             boost::json::array attempts;
+             for (const auto& attempt : made.attempts) {
+               attempts.push_back({{"date", platform::formatRFC3339(attempt.date)},
+                                   {"result", attempt.result}});
+             }
+             object entry{{"notificationUUID", made.uuid},
+                          {"notificationType", made.type},
+                          {"subtype", made.subtype},
+                          {"created", platform::formatRFC3339(made.created)},
+                          {"attempts", std::move(attempts)},
+                          {"payload", jwsPayload(made.signedPayload)}};
+             if (made.nextAttempt) entry["nextAttempt"] = platform::formatRFC3339(*made.nextAttempt);
+             listed.push_back(std::move(entry));
+           }
+           return object{{"notifications", std::move(listed)}};
+         }});
     add({{"expireSubscription", "productID", "ends the current period of a subscription now",
           R"({"id":1,"store":"expireSubscription","productID":"pro.monthly"})"},
          [](LocalStore& s, const Arguments& a) {

@@ -1,0 +1,130 @@
+#include "appstore/server/notification_sender.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include <httplib.h>
+
+#include <boost/json/serialize.hpp>
+
+namespace appstore::server {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Notifications read from the outbox at a time.
+constexpr std::size_t kBatch = 16;
+// The longest the thread sleeps without looking at the outbox again: the store clock may be
+// moved by another process's hand (a relaunch) without a wake.
+constexpr milliseconds kLongestSleep{60'000};
+
+}  // namespace
+
+std::string deliver(const std::string& url, const std::string& body, const SenderOptions& options) {
+  // "scheme://host[:port]" is the client's; the rest is the path posted to.
+  const auto scheme = url.find("://");
+  const auto pathStart = scheme == std::string::npos ? std::string::npos : url.find('/', scheme + 3);
+  const std::string base = pathStart == std::string::npos ? url : url.substr(0, pathStart);
+  const std::string path = pathStart == std::string::npos ? "/" : url.substr(pathStart);
+  try {
+    httplib::Client client(base);
+    if (!client.is_valid()) return "OTHER";
+    const auto seconds = [](milliseconds value) { return value.count() / 1000; };
+    const auto micros = [](milliseconds value) { return (value.count() % 1000) * 1000; };
+    client.set_connection_timeout(seconds(options.connectTimeout), micros(options.connectTimeout));
+    client.set_read_timeout(seconds(options.answerTimeout), micros(options.answerTimeout));
+    client.set_write_timeout(seconds(options.answerTimeout), micros(options.answerTimeout));
+    const auto started = std::chrono::steady_clock::now();
+    const auto result = client.Post(path, body, "application/json");
+    if (result) {
+      return result->status >= 200 && result->status <= 206 ? "SUCCESS"
+                                                             : "UNSUCCESSFUL_HTTP_RESPONSE_CODE";
+    }
+    switch (result.error()) {
+      case httplib::Error::Connection:
+        return "NO_RESPONSE";  // nothing accepted the connection
+      case httplib::Error::ConnectionTimeout:
+        return "TIMED_OUT";
+      case httplib::Error::Read:
+        // Either no answer within the time allowed, or the connection closed before one.
+        return std::chrono::steady_clock::now() - started >= options.answerTimeout
+                   ? "TIMED_OUT"
+                   : "PREMATURE_CLOSE";
+      case httplib::Error::Write:
+        return "SOCKET_ISSUE";
+      case httplib::Error::ExceedRedirectCount:
+        return "CIRCULAR_REDIRECT";
+      case httplib::Error::SSLConnection:
+      case httplib::Error::SSLLoadingCerts:
+      case httplib::Error::SSLServerVerification:
+        return "TLS_ISSUE";
+      default:
+        return "OTHER";
+    }
+  } catch (const std::exception&) {
+    return "OTHER";
+  }
+}
+
+std::unique_ptr<NotificationSender> NotificationSender::start(std::shared_ptr<LocalStore> store,
+                                                              SenderOptions options) {
+  std::unique_ptr<NotificationSender> sender(new NotificationSender(std::move(store), options));
+  sender->store_->setOutboxListener([raw = sender.get()] { raw->wake(); });
+  sender->thread_ = std::jthread([raw = sender.get()](std::stop_token stop) { raw->run(stop); });
+  return sender;
+}
+
+NotificationSender::NotificationSender(std::shared_ptr<LocalStore> store, SenderOptions options)
+    : store_(std::move(store)), options_(options) {}
+
+NotificationSender::~NotificationSender() {
+  store_->setOutboxListener(nullptr);
+  thread_.request_stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+void NotificationSender::wake() {
+  {
+    std::lock_guard lock(mutex_);
+    pending_ = true;
+  }
+  woken_.notify_one();
+}
+
+void NotificationSender::run(std::stop_token stop) {
+  while (!stop.stop_requested()) {
+    {
+      std::lock_guard lock(mutex_);
+      pending_ = false;
+    }
+    milliseconds sleep = kLongestSleep;
+    try {
+      const auto url = store_->notificationsURL();
+      if (!url.empty()) {
+        const auto due = store_->dueNotifications(kBatch);
+        for (const auto& notification : due) {
+          if (stop.stop_requested()) return;
+          const auto body = boost::json::serialize(
+              boost::json::object{{"signedPayload", notification.signedPayload}});
+          store_->recordSendAttempt(notification, deliver(url, body, options_));
+        }
+        if (due.size() == kBatch) continue;  // more may be waiting
+        if (const auto next = store_->nextNotificationDue()) {
+          const auto wait = std::chrono::duration_cast<milliseconds>(*next - store_->now());
+          sleep = std::clamp(wait, milliseconds(0), kLongestSleep);
+          if (!due.empty() && sleep == milliseconds(0)) continue;
+        }
+        sleep = std::max(sleep, milliseconds(10));
+      }
+    } catch (const std::exception& error) {
+      // The ledger could not be read or the attempt not recorded: tried again later, as
+      // nothing is lost from the outbox.
+      std::fprintf(stderr, "App Store notifications: %s\n", error.what());
+      sleep = milliseconds(1000);
+    }
+    std::unique_lock lock(mutex_);
+    woken_.wait_for(lock, stop, sleep, [&] { return pending_; });
+  }
+}
+
+}  // namespace appstore::server
