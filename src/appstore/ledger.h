@@ -118,7 +118,7 @@ struct NotificationQuery {
   std::optional<std::string> type;
   std::optional<std::string> subtype;
   bool onlyWithTransaction = false;  // leaves out tests and summaries
-  bool onlyFailures = false;         // none of its attempts succeeded
+  bool onlyFailures = false;         // attempted, and no attempt succeeded
   std::uint64_t afterSequence = 0;
   std::size_t limit = 20;
 };

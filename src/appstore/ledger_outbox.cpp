@@ -37,8 +37,10 @@ struct Outbox::Statements {
                            "AND (?3 IS NULL OR notification_type = ?3) "
                            "AND (?4 IS NULL OR subtype = ?4) "
                            "AND (?5 = 0 OR original_transaction_id IS NOT NULL) "
-                           "AND (?6 = 0 OR NOT EXISTS (SELECT 1 FROM send_attempts AS a "
-                           "  WHERE a.notification = sequence AND a.result = 'SUCCESS')) "
+                           "AND (?6 = 0 OR (EXISTS (SELECT 1 FROM send_attempts AS a "
+                           "  WHERE a.notification = sequence) AND NOT EXISTS (SELECT 1 FROM "
+                           "  send_attempts AS a WHERE a.notification = sequence AND "
+                           "  a.result = 'SUCCESS'))) "
                            "AND sequence > ?7 ORDER BY sequence LIMIT ?8"),
         due(database, std::string("SELECT ") + kColumns +
                           " FROM notifications WHERE next_attempt IS NOT NULL AND "

@@ -10,6 +10,7 @@
 #include <boost/json/serialize.hpp>
 
 #include "appstore/server/bearer_token.h"
+#include "appstore/server/notification_api.h"
 #include "appstore/server/server_api.h"
 
 namespace appstore::server {
@@ -48,6 +49,19 @@ class AppStoreServer::Impl {
                 for (auto it = first; it != last; ++it) statuses.push_back(it->second);
                 writeAnswer(response, allSubscriptionStatuses(*store_, request.matches[1].str(), statuses));
               });
+    http_.Post("/inApps/v1/notifications/test",
+               [this](const httplib::Request&, httplib::Response& response) {
+                 writeAnswer(response, requestTestNotification(*store_));
+               });
+    http_.Get(R"(/inApps/v1/notifications/test/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                writeAnswer(response, testNotificationStatus(*store_, request.matches[1].str()));
+              });
+    http_.Post("/inApps/v1/notifications/history",
+               [this](const httplib::Request& request, httplib::Response& response) {
+                 writeAnswer(response, notificationHistory(*store_, request.body,
+                                                           request.get_param_value("paginationToken")));
+               });
     http_.Post(R"(/inApps/v1/transactions/([^/]+)/finish)",
                [this](const httplib::Request& request, httplib::Response& response) {
                  writeAnswer(response, finishTransaction(*store_, request.matches[1].str()));

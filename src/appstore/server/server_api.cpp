@@ -12,7 +12,30 @@ namespace {
 
 const char* messageOf(ApiError code) {
   switch (code) {
+    case ApiError::generalBadRequest: return "Bad request.";
     case ApiError::invalidTransactionId: return "Invalid transaction id.";
+    case ApiError::startDateTooFarInPast:
+      return "Invalid request. The start date is earlier than the allowed start date.";
+    case ApiError::startDateAfterEndDate:
+      return "Invalid request. The end date precedes the start date or the dates are the same.";
+    case ApiError::invalidPaginationToken:
+      return "Invalid request. The pagination token is invalid.";
+    case ApiError::invalidStartDate:
+      return "Invalid request. The start date is not a timestamp value represented in milliseconds.";
+    case ApiError::invalidEndDate:
+      return "Invalid request. The end date is not a timestamp value represented in milliseconds.";
+    case ApiError::invalidNotificationType:
+      return "Invalid request. The notification type or subtype is invalid.";
+    case ApiError::multipleFiltersSupplied:
+      return "Invalid request. Supply either a transaction id or a notification type, but not both.";
+    case ApiError::invalidTestNotificationToken:
+      return "Invalid request. The test notification token is invalid.";
+    case ApiError::serverNotificationURLNotFound:
+      return "No App Store Server Notification URL found for provided app. Check that a URL is "
+             "configured in App Store Connect for this environment.";
+    case ApiError::testNotificationNotFound:
+      return "Either the test notification token is expired or the notification and status are "
+             "not yet available.";
     case ApiError::invalidStatus: return "Invalid request. The status parameter is invalid.";
     case ApiError::appNotFound: return "App not found.";
     case ApiError::transactionIdNotFound: return "Transaction id not found.";

@@ -12,9 +12,20 @@ namespace appstore::server {
 
 // Apple's error codes the endpoints answer with; the HTTP status is the code / 10000.
 enum class ApiError : long {
+  generalBadRequest = 4000000,
   invalidTransactionId = 4000006,
+  startDateTooFarInPast = 4000012,
+  startDateAfterEndDate = 4000013,
+  invalidPaginationToken = 4000014,
+  invalidStartDate = 4000015,
+  invalidEndDate = 4000016,
+  invalidNotificationType = 4000018,
+  multipleFiltersSupplied = 4000019,
+  invalidTestNotificationToken = 4000020,
   invalidStatus = 4000031,
   appNotFound = 4040003,
+  serverNotificationURLNotFound = 4040007,
+  testNotificationNotFound = 4040008,
   transactionIdNotFound = 4040010,
   generalInternal = 5000000,
 };
