@@ -73,6 +73,10 @@ TEST(SubscriptionChanges, UpAtOnceDownOrToAnotherDurationAtTheNextRenewal) {
   EXPECT_EQ(status.at("renewalInfo").at("productId"), "standard.monthly");
   EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{events[0].at("id").as_int64()});
   EXPECT_EQ(history(session).size(), 4u);
+  const Notice upgrade{"DID_CHANGE_RENEWAL_PREF", "UPGRADE", 1},
+      downgrade{"DID_CHANGE_RENEWAL_PREF", "DOWNGRADE", 1}, back{"DID_CHANGE_RENEWAL_PREF", "", 1};
+  EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1}, upgrade, upgrade,
+                                           downgrade, back, downgrade, {"DID_RENEW", "", 1}}));
 }
 
 TEST(SubscriptionChanges, ExpiredSubscribersSeeWinBackOffersAndALongLapseStartsANewRun) {
@@ -168,6 +172,59 @@ TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) 
   EXPECT_EQ(ownership(events[0]), 2);
   const auto entitled = session.entitlements();
   EXPECT_EQ(std::count(entitled.begin(), entitled.end(), shared[0]), 0);
+  EXPECT_EQ(session.newNotices(),
+            (Notices{{"ONE_TIME_CHARGE", "", 0}, {"SUBSCRIBED", "INITIAL_BUY", 0},
+                     {"SUBSCRIBED", "INITIAL_BUY", 1}, {"REVOKE", "", 0}}));
+}
+
+// A refund the customer asks for in the app: the developer's server is asked for consumption
+// information (and a subscription stops renewing); Apple then grants or declines it, and a
+// granted one can be reversed, which gives the app its purchase back.
+TEST(Refunds, RequestedThenGrantedOrDeclinedAndReversed) {
+  Session session({}, kPlans);
+  const auto subscription = purchase(session, "standard.monthly");
+  const auto album = purchase(session, "album");
+  (void)session.newNotices();
+  const auto id = [](std::int64_t value) { return std::to_string(value); };
+
+  session.control(R"("store":"requestRefund","identifier":)" + id(subscription) +
+                  R"(,"reason":"UNINTENDED_PURCHASE")");
+  EXPECT_EQ(session.newNotices(), (Notices{{"DID_CHANGE_RENEWAL_STATUS", "AUTO_RENEW_DISABLED", 1},
+                                           {"CONSUMPTION_REQUEST", "", 1}}));
+  const auto made = session.control(R"("store":"notifications")").at("notifications").as_array();
+  EXPECT_EQ(made.back().at("payload").at("data").at("consumptionRequestReason"), "UNINTENDED_PURCHASE");
+  EXPECT_EQ(info(session.status("G1"), "autoRenewStatus"), 0);
+
+  session.control(R"("store":"refundTransaction","identifier":)" + id(subscription));
+  EXPECT_TRUE(session.entitlements() == std::vector<std::int64_t>{album});
+  session.control(R"("store":"reverseRefund","identifier":)" + id(subscription));
+  EXPECT_EQ(session.status("G1").at("status"), 1);
+  const auto events = session.newEvents();
+  ASSERT_EQ(events.size(), 2u);  // revoked, then reinstated
+  EXPECT_TRUE(events[0].contains("revocationDate"));
+  EXPECT_FALSE(events[1].contains("revocationDate"));
+  EXPECT_EQ(session.entitlements(), (std::vector<std::int64_t>{subscription, album}));
+
+  session.control(R"("store":"requestRefund","identifier":)" + id(album) + R"(,"reason":"LEGAL")");
+  session.control(R"("store":"declineRefund","identifier":)" + id(album));
+  EXPECT_EQ(session.newNotices(), (Notices{{"REFUND", "", 5},
+                                           {"REFUND_REVERSED", "", 1},
+                                           {"CONSUMPTION_REQUEST", "", 0},
+                                           {"REFUND_DECLINED", "", 0}}));
+
+  // What cannot be asked for, granted or reversed is refused in words.
+  for (const char* line :
+       {R"({"id":"x","store":"requestRefund","identifier":2,"reason":"TOO_EXPENSIVE"})",
+        R"({"id":"x","store":"requestRefund","identifier":9,"reason":"OTHER"})",
+        R"({"id":"x","store":"reverseRefund","identifier":2})",
+        R"({"id":"x","store":"declineRefund","identifier":9})"}) {
+    RunningDriver driver(kPlans);
+    ASSERT_TRUE(driver.ask(R"({"id":"b","store":"buyProduct","productID":"standard.monthly"})"));
+    ASSERT_TRUE(driver.ask(R"({"id":"c","store":"buyProduct","productID":"album"})"));
+    const auto answer = driver.ask(line);
+    ASSERT_TRUE(answer);
+    EXPECT_NE(answer->find(R"("error":)"), std::string::npos) << line << "\n  " << *answer;
+  }
 }
 
 }  // namespace

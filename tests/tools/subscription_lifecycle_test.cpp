@@ -38,6 +38,7 @@ TEST(SubscriptionLifecycle, GraceThenBillingRetryThenExpiryWhenTheIssueStays) {
                      R"("store":"billingGracePeriodIsEnabled","value":true)"});
     const auto bought = buy(session);
     EXPECT_EQ(info(session.status(), "autoRenewStatus"), 1);
+    EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1}}));
 
     // The renewal fails: the grace period starts at the renewal date, entitled throughout.
     session.advance(bought.period + kMargin);
@@ -46,6 +47,7 @@ TEST(SubscriptionLifecycle, GraceThenBillingRetryThenExpiryWhenTheIssueStays) {
     EXPECT_TRUE(inBillingRetry(status));
     EXPECT_EQ(info(status, "gracePeriodExpiresDate") - info(status, "renewalDate"), rate.grace.count());
     EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{bought.id});
+    EXPECT_EQ(session.newNotices(), (Notices{{"DID_FAIL_TO_RENEW", "GRACE_PERIOD", 4}}));
     session.advance(rate.grace - 2 * kMargin);
     EXPECT_EQ(session.status().at("status"), 4);
     EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{bought.id});
@@ -57,6 +59,7 @@ TEST(SubscriptionLifecycle, GraceThenBillingRetryThenExpiryWhenTheIssueStays) {
     EXPECT_TRUE(inBillingRetry(status));
     EXPECT_EQ(info(status, "gracePeriodExpiresDate"), -1);
     EXPECT_TRUE(session.entitlements().empty());
+    EXPECT_EQ(session.newNotices(), (Notices{{"GRACE_PERIOD_EXPIRED", "", 3}}));
 
     // Billing retry runs out, counted from the renewal date: expired for a billing error.
     session.advance(rate.retry - rate.grace - 2 * kMargin);
@@ -67,6 +70,7 @@ TEST(SubscriptionLifecycle, GraceThenBillingRetryThenExpiryWhenTheIssueStays) {
     EXPECT_FALSE(inBillingRetry(status));
     EXPECT_EQ(info(status, "expirationIntent"), 2);
     EXPECT_TRUE(session.entitlements().empty());
+    EXPECT_EQ(session.newNotices(), (Notices{{"EXPIRED", "BILLING_RETRY", 2}}));
     // No transaction came of any of it.
     EXPECT_TRUE(session.newEvents().empty());
   }
@@ -81,6 +85,9 @@ TEST(SubscriptionLifecycle, AResolvedIssueRenewsThroughTheUpdatesFromWhenAccessR
     session.advance(bought.period + kMargin);
     auto status = session.status();
     EXPECT_EQ(status.at("status"), grace ? 4 : 3);
+    EXPECT_EQ(session.newNotices(),
+              (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1},
+                       {"DID_FAIL_TO_RENEW", grace ? "GRACE_PERIOD" : "", grace ? 4 : 3}}));
     const auto renewalDate = info(status, "renewalDate");
     EXPECT_EQ(session.entitlements().size(), grace ? 1u : 0u);
     session.advance(days(2));
@@ -104,6 +111,7 @@ TEST(SubscriptionLifecycle, AResolvedIssueRenewsThroughTheUpdatesFromWhenAccessR
     EXPECT_EQ(status.at("transactionId"), renewal.at("id"));
     EXPECT_FALSE(inBillingRetry(status));
     EXPECT_EQ(session.entitlements(), std::vector<std::int64_t>{renewal.at("id").as_int64()});
+    EXPECT_EQ(session.newNotices(), (Notices{{"DID_RENEW", "BILLING_RECOVERY", 1}}));
   }
 }
 
@@ -127,28 +135,41 @@ TEST(SubscriptionLifecycle, RenewsWhileAutoRenewIsOnAndExpiresAsCancelledWhenOff
   EXPECT_EQ(info(status, "expirationIntent"), 1);
   EXPECT_TRUE(session.entitlements().empty());
   EXPECT_TRUE(session.newEvents().empty());
+  // Turning auto-renew off twice tells the server once.
+  session.control(R"("store":"disableAutoRenewForTransaction","identifier":)" + std::to_string(renewalID));
+  EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1},
+                                           {"DID_RENEW", "", 1},
+                                           {"DID_CHANGE_RENEWAL_STATUS", "AUTO_RENEW_DISABLED", 1},
+                                           {"EXPIRED", "VOLUNTARY", 2}}));
 }
 
 TEST(SubscriptionLifecycle, PriceIncreasesRenewAtTheNewPriceOnlyWithConsentOrWhenNoneIsNeeded) {
+  const Notice pending{"PRICE_INCREASE", "PENDING", 1}, accepted{"PRICE_INCREASE", "ACCEPTED", 1},
+      renewOff{"DID_CHANGE_RENEWAL_STATUS", "AUTO_RENEW_DISABLED", 1}, renewed{"DID_RENEW", "", 1},
+      expired{"EXPIRED", "PRICE_INCREASE", 2};
   const struct {
     const char* name;
     std::vector<std::string> controls;  // after the request, before the renewal date
     bool consentRequired;
     bool renews;
+    Notices notices;  // after the purchase's
   } cases[] = {
-      {"consented", {R"("store":"consentToPriceIncrease","identifier":1)"}, true, true},
-      {"no consent needed", {}, false, true},
-      {"declined", {R"("store":"declinePriceIncrease","identifier":1)"}, true, false},
-      {"never answered", {}, true, false},
+      {"consented", {R"("store":"consentToPriceIncrease","identifier":1)"}, true, true,
+       {pending, accepted, renewed}},
+      {"no consent needed", {}, false, true, {accepted, renewed}},
+      {"declined", {R"("store":"declinePriceIncrease","identifier":1)"}, true, false,
+       {pending, renewOff, expired}},
+      {"never answered", {}, true, false, {pending, expired}},
       {"declined, then consented",
        {R"("store":"declinePriceIncrease","identifier":1)",
         R"("store":"consentToPriceIncrease","identifier":1)"},
-       true, true},
+       true, true, {pending, renewOff, accepted, renewed}},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.name);
     Session session({});
     const auto bought = buy(session, kPro);  // the increase applies when the trial ends
+    EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1}}));
     session.control(R"("store":"requestPriceIncreaseConsentForTransaction","identifier":1,)"
                     R"("price":"4.49","consentRequired":)" +
                     std::string(row.consentRequired ? "true" : "false"));
@@ -172,6 +193,7 @@ TEST(SubscriptionLifecycle, PriceIncreasesRenewAtTheNewPriceOnlyWithConsentOrWhe
       EXPECT_EQ(info(status, "expirationIntent"), 3);
       EXPECT_TRUE(session.entitlements().empty());
     }
+    EXPECT_EQ(session.newNotices(), row.notices);
   }
 }
 
@@ -205,6 +227,11 @@ TEST(SubscriptionLifecycle, ExtensionsMoveTheRenewalDateTwiceAYearAtMost) {
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(platform::millisecondsSince1970(*platform::parseRFC3339(events[0].at("purchaseDate").as_string())),
               effective(first) + 90 * day.count());
+    // One notification per extension granted; the repeated request made none.
+    EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1},
+                                             {"RENEWAL_EXTENDED", "", 1},
+                                             {"RENEWAL_EXTENDED", "", 1},
+                                             {"DID_RENEW", "", 1}}));
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -24,14 +25,29 @@ const std::string kBasic = "com.vorntesk.sample.basic.monthly";  // pay as you g
 const std::string kPro = "com.vorntesk.sample.pro.monthly";      // a week's free trial
 const std::string kGroup = "21500001";
 
+// A Server Notification as a developer's server reads it: type, subtype ("" for none) and the
+// subscription's status (0 for none).
+struct Notice {
+  std::string type, subtype;
+  std::int64_t status = 0;
+  bool operator==(const Notice&) const = default;
+  friend std::ostream& operator<<(std::ostream& out, const Notice& notice) {
+    return out << notice.type << "/" << notice.subtype << "/" << notice.status;
+  }
+};
+using Notices = std::vector<Notice>;
+
+// Where the sessions' notifications go: nothing listens there, so they stay in the outbox.
+inline const std::string kNowhere = "http://127.0.0.1:9/notifications";
+
 // A driver session with numbered lines: each line's answer, and the update events so far.
 class Session {
  public:
-  // The driver started with `arguments`, then given the `settings` control lines (each the
-  // members after the id) and its transaction observer started.
+  // The driver started with `arguments` (and a notifications URL), then given the `settings`
+  // control lines (each the members after the id) and its transaction observer started.
   explicit Session(const std::vector<std::string>& settings,
-                   const std::vector<std::string>& arguments = {})
-      : driver_(arguments) {
+                   std::vector<std::string> arguments = {})
+      : driver_(withNotifications(std::move(arguments))) {
     for (const auto& line : settings) control(line);
     call("StartTransactionObserver");
   }
@@ -59,6 +75,23 @@ class Session {
     }
     return ids;
   }
+  // The notifications the store made since the last call of this, oldest first.
+  Notices newNotices() {
+    Notices notices;
+    const auto answer = control(R"("store":"notifications")");
+    const auto& made = answer.at("notifications").as_array();
+    for (; seenNotices_ < made.size(); ++seenNotices_) {
+      const auto& payload = made[seenNotices_].at("payload").as_object();
+      Notice notice{std::string(payload.at("notificationType").as_string()), "", 0};
+      if (const auto* subtype = payload.if_contains("subtype")) notice.subtype = subtype->as_string();
+      const auto* data = payload.if_contains("data");
+      const auto* status = data ? data->as_object().if_contains("status") : nullptr;
+      if (status) notice.status = status->as_int64();
+      notices.push_back(std::move(notice));
+    }
+    return notices;
+  }
+
   // The transactions of the update events printed since the last call of this.
   std::vector<json::object> newEvents() {
     std::vector<json::object> events;
@@ -73,6 +106,10 @@ class Session {
   }
 
  private:
+  static std::vector<std::string> withNotifications(std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--notifications-url", kNowhere});
+    return arguments;
+  }
   std::string nextID() { return std::to_string(++lastID_); }
   json::value ask(const std::string& line) {
     driver_.send(line);
@@ -87,6 +124,7 @@ class Session {
   RunningDriver driver_;
   int lastID_ = 0;
   std::size_t seenLines_ = 0;
+  std::size_t seenNotices_ = 0;
 };
 
 inline std::int64_t info(const json::object& status, const char* key) {
