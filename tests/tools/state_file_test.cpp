@@ -12,6 +12,7 @@
 #include <SQLiteCpp/Database.h>
 #include <boost/json/parse.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "support/driver_process.h"
+#include "support/notification_receiver.h"
 
 namespace {
 
@@ -211,6 +213,47 @@ TEST_F(StateFileTest, APurchaseWhoseCommitFailsIsAnErrorAndLeavesNothingInTheFil
   EXPECT_GT(next, bought.back());
   bought.push_back(next);
   EXPECT_EQ(listedIds(relaunched.lines[2]), bought);
+}
+
+}  // namespace
+
+namespace {
+
+// Notifications the store could not deliver before it was killed go out after the relaunch,
+// the same notifications (same UUIDs), once their retry comes due.
+TEST_F(StateFileTest, NotificationsQueuedWhenKilledAreDeliveredAfterTheRelaunch) {
+  const auto state = (dir_ / "queued.db").string();
+  testsupport::NotificationReceiver receiver;
+  ASSERT_TRUE(receiver.listening());
+  const auto url = receiver.url();
+  receiver.answerWith(500);
+  std::vector<std::string> queued;
+  {
+    RunningDriver driver({"--state", state, "--notifications-url", url});
+    ASSERT_TRUE(driver.ask(purchaseLine("1")));
+    ASSERT_TRUE(driver.ask(R"({"id":2,"store":"buyProduct","productID":"com.vorntesk.sample.pro.monthly"})"));
+    ASSERT_EQ(receiver.waitFor(2).size(), 2u);
+    const auto listed = driver.ask(R"({"id":3,"store":"notifications"})");
+    ASSERT_TRUE(listed);
+    const auto answer = json::parse(*listed);
+    for (const auto& made : answer.at("notifications").as_array()) {
+      queued.emplace_back(made.at("notificationUUID").as_string());
+    }
+    driver.kill();
+  }
+  ASSERT_EQ(queued.size(), 2u);
+  receiver.answerWith(200);
+  RunningDriver relaunched({"--state", state, "--notifications-url", url});
+  ASSERT_TRUE(relaunched.ask(R"({"id":1,"store":"advanceTime","seconds":3600})"));
+  const auto received = receiver.waitFor(4);
+  ASSERT_EQ(received.size(), 4u);
+  std::vector<std::string> delivered;
+  for (std::size_t i = 2; i < received.size(); ++i) {
+    delivered.emplace_back(received[i].at("notificationUUID").as_string());
+  }
+  std::sort(delivered.begin(), delivered.end());
+  std::sort(queued.begin(), queued.end());
+  EXPECT_EQ(delivered, queued);
 }
 
 }  // namespace
