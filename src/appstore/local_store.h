@@ -313,10 +313,12 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // The notifications due at the store clock's now, oldest first, with their attempts.
   std::vector<LedgerNotification> dueNotifications(std::size_t limit);
   std::optional<platform::Date> nextNotificationDue();
-  // Records an attempt to deliver `notification` as due from dueNotifications, named as Apple
-  // names its results ("SUCCESS", "TIMED_OUT", ...). A failure is tried again 1, 12, 24, 48
-  // and 72 hours (store clock) after the attempt before it, then given up.
-  void recordSendAttempt(const LedgerNotification& notification, const std::string& result);
+  // Records the attempts to deliver `notifications` as due from dueNotifications, each result
+  // (results[i] for notifications[i]; fewer results leave the rest due) named as Apple names
+  // them ("SUCCESS", "TIMED_OUT", ...). A failure is tried again 1, 12, 24, 48 and 72 hours
+  // (store clock) after the attempt before it, then given up.
+  void recordSendAttempts(const std::vector<LedgerNotification>& notifications,
+                          const std::vector<std::string>& results);
   std::vector<LedgerNotification> notificationHistory(const NotificationQuery& query);
   // A TEST notification; its token, or nothing when no notifications URL is set.
   std::optional<std::string> requestTestNotification();

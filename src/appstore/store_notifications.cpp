@@ -2,6 +2,8 @@
 // server about is signed into a notification and added to the outbox in the same write as the
 // change. Delivery is the sender's (appstore/server); the store keeps the outbox and the
 // schedule of retries.
+#include <algorithm>
+
 #include <boost/json/serialize.hpp>
 
 #include "appstore/store_state.h"
@@ -98,16 +100,23 @@ std::optional<platform::Date> LocalStore::nextNotificationDue() {
   return state_->ledger->nextNotificationDue();
 }
 
-void LocalStore::recordSendAttempt(const LedgerNotification& notification, const std::string& result) {
+void LocalStore::recordSendAttempts(const std::vector<LedgerNotification>& notifications,
+                                    const std::vector<std::string>& results) {
+  const auto count = std::min(notifications.size(), results.size());
+  if (count == 0) return;
   std::lock_guard lock(mutex_);
   auto& state = *state_;
-  const LedgerSendAttempt attempt{state.now(), result};
-  std::optional<platform::Date> next;
-  const auto failures = notification.attempts.size();  // those before this one
-  if (result != "SUCCESS" && failures < std::size(kRetryHours)) {
-    next = attempt.date + std::chrono::hours(kRetryHours[failures]);
-  }
-  state.commit([&](LedgerWrite& write) { write.recordSendAttempt(notification.sequence, attempt, next); });
+  const auto now = state.now();
+  state.commit([&](LedgerWrite& write) {
+    for (std::size_t i = 0; i < count; ++i) {
+      std::optional<platform::Date> next;
+      const auto failures = notifications[i].attempts.size();  // those before this one
+      if (results[i] != "SUCCESS" && failures < std::size(kRetryHours)) {
+        next = now + std::chrono::hours(kRetryHours[failures]);
+      }
+      write.recordSendAttempt(notifications[i].sequence, {now, results[i]}, next);
+    }
+  });
 }
 
 std::vector<LedgerNotification> LocalStore::notificationHistory(const NotificationQuery& query) {

@@ -32,6 +32,8 @@ class NotificationReceiver {
       }
       response.status = status_;
     });
+    // A connection kept open waits this long when the receiver stops.
+    server_.set_keep_alive_timeout(1);
     port_ = port == 0 ? server_.bind_to_any_port("127.0.0.1")
                       : (server_.bind_to_port("127.0.0.1", port) ? port : -1);
     thread_ = std::thread([this] { server_.listen_after_bind(); });

@@ -20,26 +20,42 @@ constexpr milliseconds kLongestSleep{60'000};
 
 }  // namespace
 
-std::string deliver(const std::string& url, const std::string& body, const SenderOptions& options) {
-  // "scheme://host[:port]" is the client's; the rest is the path posted to.
-  const auto scheme = url.find("://");
-  const auto pathStart = scheme == std::string::npos ? std::string::npos : url.find('/', scheme + 3);
-  const std::string base = pathStart == std::string::npos ? url : url.substr(0, pathStart);
-  const std::string path = pathStart == std::string::npos ? "/" : url.substr(pathStart);
-  try {
-    httplib::Client client(base);
-    if (!client.is_valid()) return "OTHER";
+class NotificationPoster::Connection {
+ public:
+  Connection(const std::string& base, const SenderOptions& options) : client(base) {
     const auto seconds = [](milliseconds value) { return value.count() / 1000; };
     const auto micros = [](milliseconds value) { return (value.count() % 1000) * 1000; };
     client.set_connection_timeout(seconds(options.connectTimeout), micros(options.connectTimeout));
     client.set_read_timeout(seconds(options.answerTimeout), micros(options.answerTimeout));
     client.set_write_timeout(seconds(options.answerTimeout), micros(options.answerTimeout));
+    client.set_keep_alive(true);
+  }
+  httplib::Client client;
+};
+
+NotificationPoster::NotificationPoster(SenderOptions options) : options_(options) {}
+NotificationPoster::~NotificationPoster() = default;
+
+std::string NotificationPoster::post(const std::string& url, const std::string& body) {
+  // "scheme://host[:port]" is the connection's; the rest is the path posted to.
+  const auto scheme = url.find("://");
+  const auto pathStart = scheme == std::string::npos ? std::string::npos : url.find('/', scheme + 3);
+  const std::string base = pathStart == std::string::npos ? url : url.substr(0, pathStart);
+  const std::string path = pathStart == std::string::npos ? "/" : url.substr(pathStart);
+  try {
+    if (!connection_ || base != base_) {
+      connection_ = std::make_unique<Connection>(base, options_);
+      base_ = base;
+    }
+    if (!connection_->client.is_valid()) return "OTHER";
     const auto started = std::chrono::steady_clock::now();
-    const auto result = client.Post(path, body, "application/json");
+    const auto result = connection_->client.Post(path, body, "application/json");
     if (result) {
       return result->status >= 200 && result->status <= 206 ? "SUCCESS"
                                                              : "UNSUCCESSFUL_HTTP_RESPONSE_CODE";
     }
+    // A connection that failed is not used again.
+    connection_.reset();
     switch (result.error()) {
       case httplib::Error::Connection:
         return "NO_RESPONSE";  // nothing accepted the connection
@@ -47,7 +63,7 @@ std::string deliver(const std::string& url, const std::string& body, const Sende
         return "TIMED_OUT";
       case httplib::Error::Read:
         // Either no answer within the time allowed, or the connection closed before one.
-        return std::chrono::steady_clock::now() - started >= options.answerTimeout
+        return std::chrono::steady_clock::now() - started >= options_.answerTimeout
                    ? "TIMED_OUT"
                    : "PREMATURE_CLOSE";
       case httplib::Error::Write:
@@ -62,6 +78,7 @@ std::string deliver(const std::string& url, const std::string& body, const Sende
         return "OTHER";
     }
   } catch (const std::exception&) {
+    connection_.reset();
     return "OTHER";
   }
 }
@@ -75,7 +92,7 @@ std::unique_ptr<NotificationSender> NotificationSender::start(std::shared_ptr<Lo
 }
 
 NotificationSender::NotificationSender(std::shared_ptr<LocalStore> store, SenderOptions options)
-    : store_(std::move(store)), options_(options) {}
+    : store_(std::move(store)), poster_(options) {}
 
 NotificationSender::~NotificationSender() {
   store_->setOutboxListener(nullptr);
@@ -102,12 +119,16 @@ void NotificationSender::run(std::stop_token stop) {
       const auto url = store_->notificationsURL();
       if (!url.empty()) {
         const auto due = store_->dueNotifications(kBatch);
+        std::vector<std::string> results;
         for (const auto& notification : due) {
-          if (stop.stop_requested()) return;
+          if (stop.stop_requested()) break;
           const auto body = boost::json::serialize(
               boost::json::object{{"signedPayload", notification.signedPayload}});
-          store_->recordSendAttempt(notification, deliver(url, body, options_));
+          results.push_back(poster_.post(url, body));
         }
+        // One commit for the batch; attempts cut short by a stop are made again next launch.
+        store_->recordSendAttempts(due, results);
+        if (stop.stop_requested()) return;
         if (due.size() == kBatch) continue;  // more may be waiting
         if (const auto next = store_->nextNotificationDue()) {
           const auto wait = std::chrono::duration_cast<milliseconds>(*next - store_->now());

@@ -24,8 +24,21 @@ struct SenderOptions {
   std::chrono::milliseconds answerTimeout{5000};
 };
 
-// How one POST went, by Apple's names for send attempt results: "SUCCESS" for 200 to 206.
-std::string deliver(const std::string& url, const std::string& body, const SenderOptions& options);
+// POSTs notifications to one URL after another over a connection it keeps open while the URL
+// stays the same. One thread at a time.
+class NotificationPoster {
+ public:
+  explicit NotificationPoster(SenderOptions options);
+  ~NotificationPoster();
+  // How the POST went, by Apple's names for send attempt results: "SUCCESS" for 200 to 206.
+  std::string post(const std::string& url, const std::string& body);
+
+ private:
+  class Connection;
+  SenderOptions options_;
+  std::string base_;  // "scheme://host[:port]" of the connection
+  std::unique_ptr<Connection> connection_;
+};
 
 class NotificationSender {
  public:
@@ -41,7 +54,7 @@ class NotificationSender {
   void wake();
 
   std::shared_ptr<LocalStore> store_;
-  SenderOptions options_;
+  NotificationPoster poster_;
   // Never held while calling the store: the store calls wake() with its own lock held.
   std::mutex mutex_;
   std::condition_variable_any woken_;
