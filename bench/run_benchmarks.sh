@@ -8,7 +8,7 @@ bin=${1:-build/release/bench}
 out=${2:-build/bench}
 rm -rf "$out/figures"
 mkdir -p "$out/figures"
-for program in encoding_bench bridge_bench events_bench state_file_bench; do
+for program in encoding_bench bridge_bench events_bench state_file_bench server_bench; do
   echo "== $program"
   "$bin/$program" --out="$out" --benchmark_out="$out/$program.json" --benchmark_out_format=json
   echo
