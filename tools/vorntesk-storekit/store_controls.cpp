@@ -133,6 +133,9 @@ const char* extensionRefusalName(appstore::RenewalExtensionRefused::Reason reaso
     case Reason::invalidExtendByDays: return "invalidExtendByDays";
     case Reason::invalidExtendReasonCode: return "invalidExtendReasonCode";
     case Reason::invalidRequestIdentifier: return "invalidRequestIdentifier";
+    case Reason::invalidProductID: return "invalidProductID";
+    case Reason::emptyStorefrontList: return "emptyStorefrontList";
+    case Reason::invalidStorefront: return "invalidStorefront";
     case Reason::notFound: return "notFound";
     case Reason::ineligible: return "ineligible";
     case Reason::maximumReached: return "maximumReached";
