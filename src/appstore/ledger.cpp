@@ -13,7 +13,9 @@
 #include <SQLiteCpp/Transaction.h>
 
 #include "appstore/ledger_file.h"
+#include "appstore/ledger_history.h"
 #include "appstore/ledger_outbox.h"
+#include "appstore/ledger_requests.h"
 #include "appstore/wal_checkpointer.h"
 
 #include <array>
@@ -26,11 +28,10 @@
 
 namespace appstore {
 using namespace ledger_file;
+using ledger_history::kTypedColumns;
+using ledger_history::typedTransaction;
 namespace {
 
-constexpr const char* kTypedColumns =
-    "t.id, t.original_id, t.product_id, t.product_type, t.group_id, t.state, t.purchase_date, "
-    "t.expires_date, t.revocation_date, t.upgraded, t.finished, t.revision, t.family_shared";
 constexpr const char* kGroupColumns =
     "group_id, original_id, original_purchase_date, latest_id, auto_renew, pending_product_id, "
     "offer_periods_left, continuing_offer, status, expiration_intent, billing_issue_since, "
@@ -61,24 +62,6 @@ void bindOptional(SQLite::Statement& statement, int index, std::optional<int> va
 std::optional<platform::Date> optionalDate(const SQLite::Column& column) {
   if (column.isNull()) return std::nullopt;
   return platform::dateFromMillisecondsSince1970(column.getInt64());
-}
-
-LedgerTransaction typedTransaction(const SQLite::Statement& row) {
-  LedgerTransaction transaction;
-  transaction.id = static_cast<std::uint64_t>(row.getColumn(0).getInt64());
-  transaction.originalID = static_cast<std::uint64_t>(row.getColumn(1).getInt64());
-  transaction.productID = row.getColumn(2).getString();
-  transaction.productType = row.getColumn(3).getString();
-  transaction.groupID = row.getColumn(4).getString();
-  transaction.state = static_cast<EntryState>(row.getColumn(5).getInt());
-  transaction.purchaseDate = platform::dateFromMillisecondsSince1970(row.getColumn(6).getInt64());
-  transaction.expiresDate = optionalDate(row.getColumn(7));
-  transaction.revocationDate = optionalDate(row.getColumn(8));
-  transaction.upgraded = row.getColumn(9).getInt() != 0;
-  transaction.finished = row.getColumn(10).getInt() != 0;
-  transaction.revision = static_cast<std::uint64_t>(row.getColumn(11).getInt64());
-  transaction.familyShared = row.getColumn(12).getInt() != 0;
-  return transaction;
 }
 
 // The statements of every query and change, prepared once: a purchase runs a handful of them
@@ -164,6 +147,8 @@ class SQLiteLedger final : public Ledger {
         opening_(std::move(opening)),
         statements_(std::make_unique<Statements>(*database_)),
         outbox_(std::make_unique<ledger_outbox::Outbox>(*database_)),
+        history_(std::make_unique<ledger_history::History>(*database_)),
+        requests_(std::make_unique<ledger_requests::Requests>(*database_)),
         textsUnchecked_(textsUnchecked),
         nextRevision_(static_cast<std::uint64_t>(
             database_->execAndGet("SELECT ifnull(max(revision), 0) + 1 FROM transactions")
@@ -176,6 +161,8 @@ class SQLiteLedger final : public Ledger {
     checkpointer_.reset();
     statements_.reset();
     outbox_.reset();
+    history_.reset();
+    requests_.reset();
     opening_.reset();  // not finished: rolled back, the file as it was
     statements_.reset();
     database_.reset();
@@ -287,6 +274,21 @@ class SQLiteLedger final : public Ledger {
     return read([&] { return outbox_->byTestToken(token); });
   }
 
+  std::vector<LedgerTransaction> history(const HistoryQuery& query) override {
+    return read([&] { return history_->page(query); });
+  }
+  std::vector<LedgerTransaction> refunds(std::optional<RefundPosition> after,
+                                         std::size_t limit) override {
+    return read([&] { return history_->refunds(after, limit); });
+  }
+  std::optional<std::string> consumptionInformation(std::uint64_t transactionID) override {
+    return read([&] { return requests_->consumptionInformation(transactionID); });
+  }
+  std::optional<LedgerMassExtension> massExtension(std::string_view requestIdentifier,
+                                                   std::string_view productID) override {
+    return read([&] { return requests_->massExtension(requestIdentifier, productID); });
+  }
+
   void write(const std::function<void(LedgerWrite&)>& changes) override;
   void finishOpening() override;
 
@@ -316,6 +318,8 @@ class SQLiteLedger final : public Ledger {
   std::unique_ptr<SQLite::Transaction> opening_;
   std::unique_ptr<Statements> statements_;
   std::unique_ptr<ledger_outbox::Outbox> outbox_;
+  std::unique_ptr<ledger_history::History> history_;
+  std::unique_ptr<ledger_requests::Requests> requests_;
   bool inWAL_ = false;
   bool textsUnchecked_;  // see checkExistingFile
   std::uint64_t nextRevision_;  // a revision number spent by a rolled-back write is not reused
@@ -429,6 +433,15 @@ class SQLiteLedger::Changes final : public LedgerWrite {
   void recordSendAttempt(std::uint64_t sequence, const LedgerSendAttempt& attempt,
                          std::optional<platform::Date> nextAttempt) override {
     apply([&] { ledger_.outbox_->recordAttempt(sequence, attempt, nextAttempt); });
+  }
+
+  void putConsumptionInformation(std::uint64_t transactionID,
+                                 std::string_view information) override {
+    apply([&] { ledger_.requests_->putConsumptionInformation(transactionID, information); });
+  }
+
+  void putMassExtension(const LedgerMassExtension& extension) override {
+    apply([&] { ledger_.requests_->putMassExtension(extension); });
   }
 
   // The failure a change met. The write fails with it even when the caller's code caught it

@@ -23,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "appstore/history_query.h"
 #include "appstore/renewal_status.h"
 #include "platform/date.h"
 
@@ -111,6 +112,18 @@ struct LedgerNotification {
   std::vector<LedgerSendAttempt> attempts;  // oldest first
 };
 
+// A renewal-date extension a developer's server asked for every active subscriber of a
+// product; carried out when asked, so complete from the start.
+struct LedgerMassExtension {
+  std::string requestIdentifier;
+  std::string productID;
+  std::string request;  // what was asked, as JSON text
+  platform::Date created;
+  std::optional<platform::Date> completeDate;
+  std::int64_t succeeded = 0;
+  std::int64_t failed = 0;
+};
+
 // Which notifications a history page answers, in creation order.
 struct NotificationQuery {
   platform::Date start;  // created at or after
@@ -150,6 +163,11 @@ class LedgerWrite {
   // none when delivered or given up.
   virtual void recordSendAttempt(std::uint64_t sequence, const LedgerSendAttempt& attempt,
                                  std::optional<platform::Date> nextAttempt) = 0;
+  // Keeps the consumption information a developer's server sent for a transaction (JSON
+  // text), replacing any sent before; a consumption request already recorded stays as it was.
+  virtual void putConsumptionInformation(std::uint64_t transactionID,
+                                         std::string_view information) = 0;
+  virtual void putMassExtension(const LedgerMassExtension& extension) = 0;
 };
 
 class Ledger {
@@ -178,6 +196,18 @@ class Ledger {
   virtual std::size_t transactionCount() = 0;
   virtual std::vector<LedgerGroup> groups() = 0;
   virtual std::optional<std::string> value(std::string_view key) = 0;
+
+  // A page of the purchase history (signedForm filled in), at most query.limit rows.
+  virtual std::vector<LedgerTransaction> history(const HistoryQuery& query) = 0;
+  // Revoked purchases of this account (not family members' shared ones), by revocation date,
+  // after `after`, at most `limit` (signedForm filled in).
+  virtual std::vector<LedgerTransaction> refunds(std::optional<RefundPosition> after,
+                                                 std::size_t limit) = 0;
+  // What a developer's server asked for: the consumption information of a transaction (JSON
+  // text), a mass renewal-date extension.
+  virtual std::optional<std::string> consumptionInformation(std::uint64_t transactionID) = 0;
+  virtual std::optional<LedgerMassExtension> massExtension(std::string_view requestIdentifier,
+                                                           std::string_view productID) = 0;
 
   // The outbox. notifications() reads the attempts too; due() answers those due at `now`,
   // oldest first, at most `limit`; nextDue() is the earliest time one is due.

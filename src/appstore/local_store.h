@@ -29,6 +29,7 @@
 #include <boost/json/object.hpp>
 
 #include "appstore/ledger.h"
+#include "appstore/history_query.h"
 #include "appstore/renewal_status.h"
 #include "appstore/signing_authority.h"
 #include "appstore/store_configuration.h"
@@ -71,6 +72,26 @@ struct RenewalExtensionResult {
   platform::Date effectiveDate;  // the new expiry
 };
 
+// A renewal-date extension for every active subscriber of a product.
+struct MassRenewalExtensionRequest {
+  std::string productID;  // an auto-renewable subscription of the catalogue
+  std::int64_t extendByDays = 0;
+  std::int64_t extendReasonCode = 0;
+  std::string requestIdentifier;  // the same one again for the same product changes nothing
+  // Only subscribers of these storefronts (alpha-3 codes); none: every storefront.
+  std::optional<std::vector<std::string>> storefrontCountryCodes;
+};
+
+// How a mass extension went. The store carries one out when asked, so it is complete at once.
+struct MassRenewalExtensionStatus {
+  std::string requestIdentifier;
+  std::string productID;
+  bool complete = false;
+  std::optional<platform::Date> completeDate;
+  std::int64_t succeededCount = 0;
+  std::int64_t failedCount = 0;
+};
+
 // Why the store turns an extension down.
 class RenewalExtensionRefused : public std::runtime_error {
  public:
@@ -78,6 +99,9 @@ class RenewalExtensionRefused : public std::runtime_error {
     invalidExtendByDays,
     invalidExtendReasonCode,
     invalidRequestIdentifier,
+    invalidProductID,         // not an auto-renewable subscription of the catalogue
+    emptyStorefrontList,      // a storefront filter that names none
+    invalidStorefront,        // a storefront the App Store does not have
     notFound,       // no subscription with that original transaction id
     ineligible,     // not active, in billing retry or grace, or in a free offer period
     maximumReached, // two extensions already in the last 365 days
@@ -89,6 +113,30 @@ class RenewalExtensionRefused : public std::runtime_error {
 
  private:
   Reason reason_;
+};
+
+// What a developer's server is told of one purchased transaction before it acts on it.
+struct TransactionSummary {
+  std::uint64_t id = 0;
+  std::uint64_t originalID = 0;
+  std::string productID;
+  std::string productType;  // the App Store's type name ("Consumable", ...)
+  bool familyShared = false;
+  bool revoked = false;
+};
+
+// A page of the purchase history, and the revision the next page continues from.
+struct HistoryPage {
+  std::vector<SignedTransaction> transactions;
+  std::uint64_t position = 0;
+  bool hasMore = false;
+};
+
+// A page of refunds, and where the next page continues from (none before the first refund).
+struct RefundPage {
+  std::vector<SignedTransaction> transactions;
+  std::optional<RefundPosition> position;
+  bool hasMore = false;
 };
 
 // What a device asks to buy, with the options of its purchase call.
@@ -202,6 +250,35 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // The root certificate (DER) the store's chain ends in.
   const std::string& rootCertificate() const { return authority_->rootCertificate(); }
   const SigningAuthority& signingAuthority() const { return *authority_; }
+
+  // The account's app transaction (the app's purchase), signed; the same identifier for
+  // ever (appTransactionID()).
+  std::string signedAppTransaction();
+  std::string appTransactionID() const;
+
+  // --- What a developer's server asks (the App Store Server API) --------------------------
+  // A purchased transaction; nothing for an unknown id or a request never bought.
+  std::optional<TransactionSummary> transactionSummary(std::uint64_t transactionID);
+  // The page of the purchase history `query` asks for (its limit included).
+  HistoryPage transactionHistory(const HistoryQuery& query);
+  // This account's refunded purchases after `after`, by revocation date, at most `limit`.
+  RefundPage refundHistory(std::optional<RefundPosition> after, std::size_t limit);
+  // Sets the app account token of a purchase: signs it again with the token. For an
+  // auto-renewable subscription, the current period's transaction instead, whose renewal
+  // info and later renewals keep it. Throws std::invalid_argument for an id that is not the
+  // original transaction of a purchase of this account.
+  void setAppAccountToken(std::uint64_t originalTransactionID, const platform::UUID& token);
+  // Keeps the consumption information (JSON text) a developer's server sent for a purchased
+  // transaction, replacing what it sent before. Throws std::invalid_argument for an unknown id.
+  void recordConsumptionInformation(std::uint64_t transactionID, const std::string& information);
+  std::optional<std::string> consumptionInformation(std::uint64_t transactionID);
+  // Extends every active subscription whose current product is request.productID (of the
+  // storefronts asked for), each as extendRenewalDate does; one that is not eligible counts as
+  // failed. Throws RenewalExtensionRefused for terms it cannot carry out.
+  MassRenewalExtensionStatus extendRenewalDatesForAllSubscribers(
+      const MassRenewalExtensionRequest& request);
+  std::optional<MassRenewalExtensionStatus> massRenewalExtension(
+      const std::string& productID, const std::string& requestIdentifier);
 
   // --- Configuration and identity ---------------------------------------------------------
   // Replaces the products and the settings; the history stays. Throws ConfigurationError for

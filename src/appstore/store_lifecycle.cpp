@@ -208,21 +208,29 @@ std::optional<SignedTransaction> LocalStore::State::recoverBillingIssue(LedgerWr
   return std::nullopt;
 }
 
+void LocalStore::State::checkExtensionTerms(std::int64_t extendByDays,
+                                            std::int64_t extendReasonCode,
+                                            const std::string& requestIdentifier) {
+  using Reason = RenewalExtensionRefused::Reason;
+  if (extendByDays < 1 || extendByDays > 90) {
+    throw RenewalExtensionRefused(Reason::invalidExtendByDays, "extendByDays must be 1 to 90");
+  }
+  if (extendReasonCode < 0 || extendReasonCode > 3) {
+    throw RenewalExtensionRefused(Reason::invalidExtendReasonCode, "extendReasonCode must be 0 to 3");
+  }
+  if (requestIdentifier.empty() || requestIdentifier.size() > 128) {
+    throw RenewalExtensionRefused(Reason::invalidRequestIdentifier,
+                                  "requestIdentifier must be 1 to 128 characters");
+  }
+}
+
 RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
                                                            const RenewalExtensionRequest& request) {
   using Reason = RenewalExtensionRefused::Reason;
   const auto refuse = [](Reason reason, const std::string& why) {
     throw RenewalExtensionRefused(reason, why);
   };
-  if (request.extendByDays < 1 || request.extendByDays > 90) {
-    refuse(Reason::invalidExtendByDays, "extendByDays must be 1 to 90");
-  }
-  if (request.extendReasonCode < 0 || request.extendReasonCode > 3) {
-    refuse(Reason::invalidExtendReasonCode, "extendReasonCode must be 0 to 3");
-  }
-  if (request.requestIdentifier.empty() || request.requestIdentifier.size() > 128) {
-    refuse(Reason::invalidRequestIdentifier, "requestIdentifier must be 1 to 128 characters");
-  }
+  checkExtensionTerms(request.extendByDays, request.extendReasonCode, request.requestIdentifier);
   const auto found = std::find_if(groups.begin(), groups.end(), [&](const auto& entry) {
     return entry.second.originalID == request.originalTransactionID;
   });

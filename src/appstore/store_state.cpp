@@ -423,7 +423,13 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
     }
     latest->payload["isUpgraded"] = true;
     sign(write, *latest);
-    auto draft = newTransaction(product, request, "PURCHASE", purchaseDate, request.offer, &*group, presetID);
+    // The subscription's app account token goes on unless the new purchase sets its own.
+    auto carried = request;
+    const auto* token = latest->payload.if_contains("appAccountToken");
+    if (!carried.appAccountToken && token && token->is_string()) {
+      carried.appAccountToken = platform::UUID::fromString(token->get_string());
+    }
+    auto draft = newTransaction(product, carried, "PURCHASE", purchaseDate, request.offer, &*group, presetID);
     const auto signedTransaction = sign(write, draft);
     group->latestID = draft.row.id;
     group->autoRenew = true;

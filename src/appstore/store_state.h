@@ -105,6 +105,9 @@ class LocalStore::State {
   // renewal that failed happens now. Nothing when there is no such issue.
   std::optional<SignedTransaction> recoverBillingIssue(LedgerWrite& write, std::uint64_t latestID);
   RenewalExtensionResult extendRenewalDate(LedgerWrite& write, const RenewalExtensionRequest& request);
+  // Throws RenewalExtensionRefused for days, a reason or a request identifier out of range.
+  static void checkExtensionTerms(std::int64_t extendByDays, std::int64_t extendReasonCode,
+                                  const std::string& requestIdentifier);
   // The renewal info the store signs for `group` as it stands.
   std::string signedRenewalInfo(const LedgerGroup& group);
 

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -17,6 +18,7 @@
 #include <boost/json/serialize.hpp>
 
 #include "platform/base64.h"
+#include "platform/date.h"
 #include "appstore/local_store.h"
 #include "storekit/jws.h"
 #include "support/driver_process.h"
@@ -352,6 +354,127 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientReadsTransactionInfoFromTheLocalServer
   const auto listed = json::parse(*unfinished).at("envelope").at("success").at("transactions").as_array();
   EXPECT_EQ(listed.size(), 3u);
   for (const auto& t : listed) EXPECT_NE(t.at("id"), 1);
+}
+
+// Apple's client calls every other endpoint of the driver's server over purchases of each
+// kind (a finished consumable, a refund, a renewed subscription, a non-renewing subscription,
+// a family member's shared purchase), and what it decodes, verified, is what the store holds.
+TEST_F(AppStoreServerLibrary, ItsAPIClientCallsEveryEndpointAndAgreesWithTheStore) {
+  std::string pattern = (fs::temp_directory_path() / "interop_endpoints.XXXXXX").string();
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  const fs::path temp = pattern;
+  testsupport::RunningDriver driver({"--environment", "Sandbox", "--server", "0", "--api-key",
+                                     (temp / "key.p8").string(), "--key-id", "LOCALKEY01",
+                                     "--issuer-id", "57246542-96fe-1a63-e053-0824d011072a"});
+  for (const char* product : {"com.vorntesk.sample.coins100", "com.vorntesk.sample.coins100",
+                              "com.vorntesk.sample.removeads", "com.vorntesk.sample.basic.monthly",
+                              "com.vorntesk.sample.seasonpass"}) {
+    ASSERT_TRUE(driver.ask(purchaseLine(product)));
+  }
+  for (const char* line :
+       {R"({"id":"x","store":"refundTransaction","identifier":3})",
+        R"({"id":"r","store":"forceRenewalOfSubscription","productID":"com.vorntesk.sample.basic.monthly"})",
+        R"({"id":"f","store":"shareWithFamily","productID":"com.vorntesk.sample.offlinemaps"})"}) {
+    const auto answer = driver.ask(line);
+    ASSERT_TRUE(answer && answer->find("\"ok\":true") != std::string::npos) << line << ": " << answer.value_or("");
+  }
+  const auto url = driver.ask(R"({"id":"u","store":"server"})");
+  const auto root = driver.ask(R"({"id":"r","store":"rootCertificate"})");
+  ASSERT_TRUE(url && root);
+  const std::string token = "5c0f8d61-2a3e-4b7f-9a51-0d9e2f3c4b5a";
+  const std::string massID = "0b9a6c1e-7d44-4d8e-8f2a-6e5d4c3b2a19";
+  const auto printed = node(
+      "server_client.cjs",
+      {{"url", json::parse(*url).at("url")},
+       {"keyFile", (temp / "key.p8").string()},
+       {"keyId", "LOCALKEY01"},
+       {"issuerId", "57246542-96fe-1a63-e053-0824d011072a"},
+       {"bundleId", "com.vorntesk.example"},
+       {"trustedRoot", platform::base64Encode(derOfPEM(std::string(json::parse(*root).at("pem").as_string())))},
+       {"transactionIds", {"1"}},  // finished through the server first
+       {"endpoints",
+        {{"anyId", "4"}, {"subscriptionId", "4"}, {"consumableId", "2"}, {"token", token},
+         {"massRequestIdentifier", massID}, {"massProductId", "com.vorntesk.sample.basic.monthly"}}}},
+      "server-endpoints");
+  const auto held = driver.ask(R"({"id":"a","store":"allTransactions"})");
+  const auto consumption = driver.ask(R"({"id":"c","store":"consumptionInformation","identifier":2})");
+  fs::remove_all(temp);
+  ASSERT_TRUE(printed.is_object() && printed.as_object().contains("endpoints")) << json::serialize(printed);
+  ASSERT_TRUE(held && consumption);
+  const auto& out = printed.at("endpoints").as_object();
+
+  // The store's own view: every purchase, by id.
+  std::map<std::string, json::object> store;
+  const auto listing = json::parse(*held);
+  for (const auto& entry : listing.at("transactions").as_array()) {
+    store[std::to_string(entry.at("identifier").to_number<std::int64_t>())] = entry.as_object();
+  }
+  ASSERT_EQ(store.size(), 7u);
+  const auto ids = [](const json::value& history) {
+    std::vector<std::string> found;
+    for (const auto& t : history.at("decoded").as_array()) found.emplace_back(t.at("transactionId").as_string());
+    return found;
+  };
+  // Each decoded transaction agrees with the store on product, dates and revocation.
+  for (const auto& t : out.at("historyV2").at("decoded").as_array()) {
+    const std::string id(t.at("transactionId").as_string());
+    ASSERT_TRUE(store.contains(id)) << id;
+    const auto& ours = store[id];
+    EXPECT_EQ(t.at("productId"), ours.at("productIdentifier")) << id;
+    EXPECT_EQ(t.as_object().contains("revocationDate"), ours.at("revoked").as_bool()) << id;
+    EXPECT_EQ(platform::formatRFC3339(platform::dateFromMillisecondsSince1970(t.at("purchaseDate").as_int64())),
+              ours.at("purchaseDate").as_string()) << id;
+    // The current period's expiry moves on with the extensions below; it is compared there.
+    if (const auto* expires = t.as_object().if_contains("expiresDate"); expires && id != "6") {
+      EXPECT_EQ(platform::formatRFC3339(platform::dateFromMillisecondsSince1970(expires->as_int64())),
+                ours.at("expirationDate").as_string()) << id;
+    }
+  }
+  auto all = ids(out.at("historyV2"));
+  std::sort(all.begin(), all.end());
+  EXPECT_EQ(all, (std::vector<std::string>{"1", "2", "3", "4", "5", "6", "7"}));
+  EXPECT_EQ(out.at("historyV2").at("pages").at(0).at("environment"), "Sandbox");
+  EXPECT_EQ(out.at("historyV2").at("pages").at(0).at("bundleId"), "com.vorntesk.example");
+  // Consumables and non-consumables not revoked, newest change first; the family member's
+  // shared purchase included.
+  EXPECT_EQ(ids(out.at("historyV2Filtered")), (std::vector<std::string>{"7", "2", "1"}));
+  // V1 leaves out the consumable finished through the server.
+  auto v1 = ids(out.at("historyV1"));
+  std::sort(v1.begin(), v1.end());
+  EXPECT_EQ(v1, (std::vector<std::string>{"2", "3", "4", "5", "6", "7"}));
+  EXPECT_EQ(ids(out.at("refunds")), std::vector<std::string>{"3"});
+
+  const auto& app = out.at("appTransaction");
+  EXPECT_EQ(app.at("receiptType"), "Sandbox");
+  EXPECT_EQ(app.at("bundleId"), "com.vorntesk.example");
+  EXPECT_EQ(app.at("appTransactionId"), out.at("historyV2").at("decoded").at(0).at("appTransactionId"));
+
+  // The token went on the current period (the renewal, 6) and its renewal info.
+  EXPECT_EQ(out.at("afterToken").at("transaction").at("transactionId"), "6");
+  EXPECT_EQ(out.at("afterToken").at("transaction").at("appAccountToken"), json::value(token));
+  EXPECT_EQ(out.at("afterToken").at("renewalInfo").at("appAccountToken"), json::value(token));
+
+  // Both consumption bodies arrived; the later (v1) is what the store keeps.
+  const auto kept = json::parse(*consumption).at("information");
+  EXPECT_EQ(kept.at("version"), 1) << *consumption;
+  EXPECT_EQ(kept.at("information").at("consumptionStatus"), 2);
+  EXPECT_EQ(out.at("consumptionRefused").at("httpStatusCode"), 400);
+  EXPECT_EQ(out.at("consumptionRefused").at("apiError"), 4000035);
+
+  // Five days for the one subscription, then two for every subscriber: the expiry the store
+  // holds is the last one the client saw.
+  EXPECT_EQ(out.at("extension").at("originalTransactionId"), "4");
+  EXPECT_EQ(out.at("extension").at("success"), true);
+  const auto expires = out.at("afterExtensions").at("expiresDate").as_int64();
+  EXPECT_EQ(expires - out.at("extension").at("effectiveDate").as_int64(), 2 * 86400000LL);
+  EXPECT_EQ(platform::formatRFC3339(platform::dateFromMillisecondsSince1970(expires)),
+            store["6"].at("expirationDate").as_string());
+  EXPECT_EQ(out.at("mass").at("requestIdentifier"), json::value(massID));
+  EXPECT_EQ(out.at("massStatus").at("complete"), true);
+  EXPECT_EQ(out.at("massStatus").at("succeededCount"), 1);
+  EXPECT_EQ(out.at("massStatus").at("failedCount"), 0);
+  EXPECT_EQ(out.at("massStatusUnknown").at("httpStatusCode"), 404);
+  EXPECT_EQ(out.at("massStatusUnknown").at("apiError"), 4040009);
 }
 
 }  // namespace

@@ -133,6 +133,9 @@ const char* extensionRefusalName(appstore::RenewalExtensionRefused::Reason reaso
     case Reason::invalidExtendByDays: return "invalidExtendByDays";
     case Reason::invalidExtendReasonCode: return "invalidExtendReasonCode";
     case Reason::invalidRequestIdentifier: return "invalidRequestIdentifier";
+    case Reason::invalidProductID: return "invalidProductID";
+    case Reason::emptyStorefrontList: return "emptyStorefrontList";
+    case Reason::invalidStorefront: return "invalidStorefront";
     case Reason::notFound: return "notFound";
     case Reason::ineligible: return "ineligible";
     case Reason::maximumReached: return "maximumReached";
@@ -326,6 +329,13 @@ const std::map<std::string, Control, std::less<>>& controls() {
     byIdentifier("revokeFamilySharing",
                  "the family member stops sharing: the transaction is revoked, through the updates",
                  &LocalStore::revokeFamilySharing);
+    add({{"consumptionInformation", "identifier",
+          "what a developer's server last sent as consumption information for the transaction",
+          R"({"id":1,"store":"consumptionInformation","identifier":3})"},
+         [](LocalStore& s, const Arguments& a) {
+           const auto text = s.consumptionInformation(a.identifier("identifier"));
+           return object{{"information", text ? boost::json::parse(*text) : boost::json::value()}};
+         }});
     add({{"extendRenewalDate",
           "originalTransactionId, extendByDays (1-90), [extendReasonCode: 0-3], requestIdentifier",
           "moves a subscription's renewal date on, as the App Store Server API's extension does",

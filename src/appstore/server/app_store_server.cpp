@@ -66,6 +66,44 @@ class AppStoreServer::Impl {
                [this](const httplib::Request& request, httplib::Response& response) {
                  writeAnswer(response, finishTransaction(*store_, request.matches[1].str()));
                });
+    http_.Get(R"(/inApps/v1/transactions/appTransactions/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                writeAnswer(response, appTransactionInfo(*store_, request.matches[1].str()));
+              });
+    http_.Put(R"(/inApps/v1/transactions/([^/]+)/appAccountToken)",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                writeAnswer(response, setAppAccountToken(*store_, request.matches[1].str(), request.body));
+              });
+    http_.Get(R"(/inApps/(v1|v2)/history/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                const auto version = request.matches[1].str() == "v1" ? HistoryVersion::v1 : HistoryVersion::v2;
+                writeAnswer(response, transactionHistory(*store_, version, request.matches[2].str(),
+                                                         request.params));
+              });
+    http_.Put(R"(/inApps/(v1|v2)/transactions/consumption/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                const auto version =
+                    request.matches[1].str() == "v1" ? ConsumptionVersion::v1 : ConsumptionVersion::v2;
+                writeAnswer(response, sendConsumptionInformation(*store_, version, request.matches[2].str(),
+                                                                 request.body));
+              });
+    http_.Put(R"(/inApps/v1/subscriptions/extend/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                writeAnswer(response, extendRenewalDate(*store_, request.matches[1].str(), request.body));
+              });
+    http_.Post(R"(/inApps/v1/subscriptions/extend/mass)",
+               [this](const httplib::Request& request, httplib::Response& response) {
+                 writeAnswer(response, extendRenewalDatesForAllSubscribers(*store_, request.body));
+               });
+    http_.Get(R"(/inApps/v1/subscriptions/extend/mass/([^/]+)/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                writeAnswer(response, massExtensionStatus(*store_, request.matches[1].str(),
+                                                          request.matches[2].str()));
+              });
+    http_.Get(R"(/inApps/v2/refund/lookup/([^/]+))",
+              [this](const httplib::Request& request, httplib::Response& response) {
+                writeAnswer(response, refundHistory(*store_, request.matches[1].str(), request.params));
+              });
   }
 
   void listen() {

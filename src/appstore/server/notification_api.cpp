@@ -1,13 +1,13 @@
 #include "appstore/server/notification_api.h"
 
+#include "appstore/server/api_support.h"
+
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <cstdio>
 #include <map>
 #include <set>
 
-#include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
 namespace appstore::server {
@@ -46,15 +46,6 @@ const std::map<std::string, std::set<std::string>, std::less<>>& notificationTyp
   return *types;
 }
 
-template <class Answer>
-ApiAnswer guarded(Answer&& answer) {
-  try {
-    return answer();
-  } catch (const std::exception&) {
-    return ApiAnswer::error(ApiError::generalInternal);
-  }
-}
-
 json::array sendAttempts(const LedgerNotification& notification) {
   json::array attempts;
   for (const auto& attempt : notification.attempts) {
@@ -64,23 +55,11 @@ json::array sendAttempts(const LedgerNotification& notification) {
   return attempts;
 }
 
-// A date in a request body: milliseconds since 1970, as an integer or (Swift's encoding) a
-// number with a fractional part.
+// A date in a request body: milliseconds since 1970 within the years the store keeps.
 std::optional<platform::Date> dateIn(const json::object& body, const char* key) {
-  const auto* value = body.if_contains(key);
-  if (!value) return std::nullopt;
-  double number = 0;
-  if (value->is_int64()) {
-    number = static_cast<double>(value->get_int64());
-  } else if (value->is_uint64()) {
-    number = static_cast<double>(value->get_uint64());
-  } else if (value->is_double()) {
-    number = std::trunc(value->get_double());
-  } else {
-    return std::nullopt;
-  }
-  if (!(number >= 0 && number <= 253402300799999.0)) return std::nullopt;
-  return platform::dateFromMillisecondsSince1970(static_cast<std::int64_t>(number));
+  const auto value = integerMember(body, key);
+  if (!value || *value < 0 || *value > 253402300799999) return std::nullopt;
+  return platform::dateFromMillisecondsSince1970(*value);
 }
 
 // The pagination token names where the next page starts and the filters it belongs to: a
@@ -138,10 +117,9 @@ ApiAnswer testNotificationStatus(LocalStore& store, const std::string& token) {
 ApiAnswer notificationHistory(LocalStore& store, const std::string& body,
                               const std::string& paginationTokenText) {
   return guarded([&] {
-    json::error_code ec;
-    const auto parsed = json::parse(body, ec);
-    if (ec || !parsed.is_object()) return ApiAnswer::error(ApiError::generalBadRequest);
-    const auto& request = parsed.get_object();
+    const auto parsed = jsonObject(body);
+    if (!parsed) return ApiAnswer::error(ApiError::generalBadRequest);
+    const auto& request = *parsed;
 
     const auto start = dateIn(request, "startDate");
     if (!start) return ApiAnswer::error(ApiError::invalidStartDate);
@@ -177,13 +155,9 @@ ApiAnswer notificationHistory(LocalStore& store, const std::string& body,
     if (!transactionID) transactionID = text("originalTransactionId");
     if (transactionID) {
       if (query.type) return ApiAnswer::error(ApiError::multipleFiltersSupplied);
-      std::uint64_t id = 0;
-      const auto& digits = *transactionID;
-      const auto [last, failed] = std::from_chars(digits.data(), digits.data() + digits.size(), id);
-      if (digits.empty() || failed != std::errc() || last != digits.data() + digits.size()) {
-        return ApiAnswer::error(ApiError::invalidTransactionId);
-      }
-      if (!store.signedForm(id)) return ApiAnswer::error(ApiError::transactionIdNotFound);
+      const auto id = transactionNumber(*transactionID);
+      if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
+      if (!store.signedForm(*id)) return ApiAnswer::error(ApiError::transactionIdNotFound);
       query.onlyWithTransaction = true;
     }
     if (const auto* failures = request.if_contains("onlyFailures")) {

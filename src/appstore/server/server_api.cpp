@@ -1,79 +1,29 @@
+// The transaction endpoints: transaction info, subscription statuses, finish, app transaction
+// info and app account tokens.
 #include "appstore/server/server_api.h"
 
 #include <algorithm>
-#include <charconv>
-#include <optional>
 
 #include <boost/json/serialize.hpp>
+
+#include "appstore/server/api_support.h"
 
 namespace appstore::server {
 namespace json = boost::json;
 namespace {
 
-const char* messageOf(ApiError code) {
-  switch (code) {
-    case ApiError::generalBadRequest: return "Bad request.";
-    case ApiError::invalidTransactionId: return "Invalid transaction id.";
-    case ApiError::startDateTooFarInPast:
-      return "Invalid request. The start date is earlier than the allowed start date.";
-    case ApiError::startDateAfterEndDate:
-      return "Invalid request. The end date precedes the start date or the dates are the same.";
-    case ApiError::invalidPaginationToken:
-      return "Invalid request. The pagination token is invalid.";
-    case ApiError::invalidStartDate:
-      return "Invalid request. The start date is not a timestamp value represented in milliseconds.";
-    case ApiError::invalidEndDate:
-      return "Invalid request. The end date is not a timestamp value represented in milliseconds.";
-    case ApiError::invalidNotificationType:
-      return "Invalid request. The notification type or subtype is invalid.";
-    case ApiError::multipleFiltersSupplied:
-      return "Invalid request. Supply either a transaction id or a notification type, but not both.";
-    case ApiError::invalidTestNotificationToken:
-      return "Invalid request. The test notification token is invalid.";
-    case ApiError::serverNotificationURLNotFound:
-      return "No App Store Server Notification URL found for provided app. Check that a URL is "
-             "configured in App Store Connect for this environment.";
-    case ApiError::testNotificationNotFound:
-      return "Either the test notification token is expired or the notification and status are "
-             "not yet available.";
-    case ApiError::invalidStatus: return "Invalid request. The status parameter is invalid.";
-    case ApiError::appNotFound: return "App not found.";
-    case ApiError::transactionIdNotFound: return "Transaction id not found.";
-    case ApiError::generalInternal: return "An unknown error occurred.";
-  }
-  return "An unknown error occurred.";
-}
-
-// Transaction ids are decimal digits, as Apple writes them.
-std::optional<std::uint64_t> transactionNumber(const std::string& text) {
-  std::uint64_t value = 0;
-  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return value;
-}
-
-template <class Answer>
-ApiAnswer guarded(Answer&& answer) {
-  try {
-    return answer();
-  } catch (const std::exception&) {
-    // A ledger that cannot be read: Apple's answer for its own trouble.
-    return ApiAnswer::error(ApiError::generalInternal);
-  }
+// An app transaction id names the app's purchase, not an in-app purchase.
+bool isAppTransaction(LocalStore& store, std::uint64_t id) {
+  return std::to_string(id) == store.appTransactionID();
 }
 
 }  // namespace
-
-ApiAnswer ApiAnswer::error(ApiError code) {
-  const auto number = static_cast<long>(code);
-  return {static_cast<int>(number / 10000),
-          json::serialize(json::object{{"errorCode", number}, {"errorMessage", messageOf(code)}})};
-}
 
 ApiAnswer transactionInfo(LocalStore& store, const std::string& transactionID) {
   return guarded([&] {
     const auto id = transactionNumber(transactionID);
     if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
+    if (isAppTransaction(store, *id)) return ApiAnswer::error(ApiError::appTransactionIdNotSupported);
     const auto jws = store.signedForm(*id);
     if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
     return ApiAnswer{200, json::serialize(json::object{{"signedTransactionInfo", *jws}})};
@@ -87,15 +37,11 @@ ApiAnswer allSubscriptionStatuses(LocalStore& store, const std::string& transact
     if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
     std::vector<int> wanted;
     for (const auto& text : statuses) {
-      int value = 0;
-      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-      if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value < 1 || value > 5) {
-        return ApiAnswer::error(ApiError::invalidStatus);
-      }
-      wanted.push_back(value);
+      const auto value = integerText(text);
+      if (!value || *value < 1 || *value > 5) return ApiAnswer::error(ApiError::invalidStatus);
+      wanted.push_back(static_cast<int>(*value));
     }
-    const auto jws = store.signedForm(*id);
-    if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
+    if (!isCustomerTransaction(store, *id)) return ApiAnswer::error(ApiError::transactionIdNotFound);
     json::array data;
     for (const auto& held : store.subscriptionStatuses()) {
       const int status = static_cast<int>(held.status);
@@ -117,9 +63,43 @@ ApiAnswer finishTransaction(LocalStore& store, const std::string& transactionID)
   return guarded([&] {
     const auto id = transactionNumber(transactionID);
     if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
+    if (isAppTransaction(store, *id)) return ApiAnswer::error(ApiError::appTransactionIdNotSupported);
     const auto jws = store.signedForm(*id);
     if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
     store.finish(*id);
+    return ApiAnswer{200, ""};
+  });
+}
+
+ApiAnswer appTransactionInfo(LocalStore& store, const std::string& transactionID) {
+  return guarded([&] {
+    const auto id = transactionNumber(transactionID);
+    if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
+    if (!isCustomerTransaction(store, *id)) return ApiAnswer::error(ApiError::transactionIdNotFound);
+    return ApiAnswer{200, json::serialize(json::object{
+                              {"signedAppTransactionInfo", store.signedAppTransaction()}})};
+  });
+}
+
+ApiAnswer setAppAccountToken(LocalStore& store, const std::string& originalTransactionID,
+                             const std::string& body) {
+  return guarded([&] {
+    const auto id = transactionNumber(originalTransactionID);
+    if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
+    if (isAppTransaction(store, *id)) return ApiAnswer::error(ApiError::appTransactionIdNotSupported);
+    const auto request = jsonObject(body);
+    if (!request) return ApiAnswer::error(ApiError::generalBadRequest);
+    const auto* text = request->if_contains("appAccountToken");
+    const auto token = text && text->is_string() ? platform::UUID::fromString(text->get_string())
+                                                 : std::nullopt;
+    if (!token) return ApiAnswer::error(ApiError::invalidAppAccountTokenUUID);
+    const auto transaction = store.transactionSummary(*id);
+    if (!transaction) return ApiAnswer::error(ApiError::originalTransactionIdNotFound);
+    if (transaction->familyShared) return ApiAnswer::error(ApiError::familyTransactionNotSupported);
+    if (transaction->originalID != transaction->id) {
+      return ApiAnswer::error(ApiError::transactionIdIsNotOriginalTransactionId);
+    }
+    store.setAppAccountToken(*id, *token);
     return ApiAnswer{200, ""};
   });
 }

@@ -1,0 +1,82 @@
+// A running App Store Server API on loopback over a store of the sample catalogue, and a
+// client that calls it with a valid bearer token, for the endpoint tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <httplib.h>
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "appstore/local_store.h"
+#include "appstore/server/app_store_server.h"
+#include "platform/base64.h"
+#include "platform/openssl.h"
+
+namespace appstore::server::testing {
+
+namespace json = boost::json;
+
+struct Reply {
+  int status = 0;
+  std::string body;
+  std::string contentType;
+};
+
+// The payload of a compact JWS, parsed (null when it cannot be read).
+inline json::value payloadOf(std::string_view jws) {
+  const auto first = jws.find('.'), last = jws.rfind('.');
+  if (first == std::string_view::npos || first == last) return nullptr;
+  const auto text = platform::base64URLDecode(jws.substr(first + 1, last - first - 1));
+  json::error_code ec;
+  auto parsed = text ? json::parse(*text, ec) : json::value();
+  return ec ? json::value() : parsed;
+}
+
+class ApiFixture : public ::testing::Test {
+ protected:
+  void SetUp() override { server_ = AppStoreServer::start(store_, {"127.0.0.1", 0, key_}); }
+
+  Reply call(const std::string& method, const std::string& path, const std::string& body = "",
+             const std::string& contentType = "application/json") {
+    httplib::Client client(server_->url());
+    client.set_connection_timeout(5);
+    client.set_read_timeout(10);
+    httplib::Headers headers{{"Authorization", bearer()}};
+    auto result = method == "GET"   ? client.Get(path, headers)
+                  : method == "PUT" ? client.Put(path, headers, body, contentType.c_str())
+                                    : client.Post(path, headers, body, contentType.c_str());
+    if (!result) {
+      ADD_FAILURE() << method << " " << path << ": no answer";
+      return {};
+    }
+    return {result->status, result->body, result->get_header_value("Content-Type")};
+  }
+  Reply get(const std::string& path) { return call("GET", path); }
+
+  // Node's client: exp five minutes on, iat now.
+  std::string bearer() const {
+    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+    const json::object header{{"alg", "ES256"}, {"kid", "KEY1"}, {"typ", "JWT"}};
+    const json::object payload{{"iss", "ISSUER"}, {"iat", now}, {"exp", now + 300},
+                               {"aud", "appstoreconnect-v1"}, {"bid", store_->bundleID()}};
+    const auto input = platform::base64URLEncode(json::serialize(header)) + "." +
+                       platform::base64URLEncode(json::serialize(payload));
+    return "Bearer " + input + "." +
+           platform::base64URLEncode(platform::signES256(key_.key.get(), input));
+  }
+
+  InAppPurchaseKey key_ = InAppPurchaseKey::generate("KEY1", "ISSUER");
+  std::shared_ptr<LocalStore> store_ =
+      LocalStore::createFromFile(VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit");
+  std::unique_ptr<AppStoreServer> server_;
+};
+
+}  // namespace appstore::server::testing
