@@ -205,7 +205,25 @@ MassRenewalExtensionStatus LocalStore::extendRenewalDatesForAllSubscribers(
         ++record.succeeded;
       } catch (const RenewalExtensionRefused&) {
         ++record.failed;
+        if (const auto* group = state.groupWithOriginalID(originalID)) {
+          state.notify(write, "RENEWAL_EXTENSION", "FAILURE", group->latestID);
+        }
       }
+    }
+    if (!state.notificationsURL.empty()) {
+      json::object summary{{"environment", state.environment},
+                           {"bundleId", state.bundleID},
+                           {"productId", request.productID},
+                           {"requestIdentifier", request.requestIdentifier},
+                           {"succeededCount", record.succeeded},
+                           {"failedCount", record.failed}};
+      if (request.storefrontCountryCodes) {
+        json::array codes;
+        for (const auto& code : storefronts) codes.emplace_back(code);
+        summary["storefrontCountryCodes"] = std::move(codes);
+      }
+      state.notifyWith(write, "RENEWAL_EXTENSION", "SUMMARY", {{"summary", std::move(summary)}},
+                       std::nullopt);
     }
     write.putMassExtension(record);
   });

@@ -231,17 +231,15 @@ RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
     throw RenewalExtensionRefused(reason, why);
   };
   checkExtensionTerms(request.extendByDays, request.extendReasonCode, request.requestIdentifier);
-  const auto found = std::find_if(groups.begin(), groups.end(), [&](const auto& entry) {
-    return entry.second.originalID == request.originalTransactionID;
-  });
-  if (found == groups.end()) {
+  const auto* found = groupWithOriginalID(request.originalTransactionID);
+  if (!found) {
     const auto row = ledger->transaction(request.originalTransactionID);
     if (row && row->familyShared) {
       refuse(Reason::familyShared, "a family member's access cannot be extended directly");
     }
     refuse(Reason::notFound, "no subscription " + std::to_string(request.originalTransactionID));
   }
-  auto group = found->second;
+  auto group = *found;
   const auto current = now();
   json::error_code ec;
   auto granted = json::parse(group.extensions.empty() ? "[]" : group.extensions, ec);

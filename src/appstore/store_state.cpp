@@ -502,6 +502,13 @@ LedgerGroup* LocalStore::State::groupWithLatestProduct(const std::string& produc
   return nullptr;
 }
 
+LedgerGroup* LocalStore::State::groupWithOriginalID(std::uint64_t originalID) {
+  for (auto& [id, group] : groups) {
+    if (group.originalID == originalID) return &group;
+  }
+  return nullptr;
+}
+
 void LocalStore::State::broadcast(const std::vector<SignedTransaction>& transactions) {
   if (transactions.empty()) return;
   std::erase_if(listeners, [&](const TransactionListener& listener) { return !listener(transactions); });

@@ -120,6 +120,7 @@ class LocalStore::State {
   void putCounters(LedgerWrite& write);
   LedgerGroup* groupOf(const LedgerTransaction& row);
   LedgerGroup* groupWithLatestProduct(const std::string& productID);
+  LedgerGroup* groupWithOriginalID(std::uint64_t originalID);
 
   void broadcast(const std::vector<SignedTransaction>& transactions);
 

@@ -125,6 +125,7 @@ TEST_F(ApiRequestsTest, ExtendingOneSubscriptionMovesItsExpiryAndCountsTwicePerY
 }
 
 TEST_F(ApiRequestsTest, MassExtensionReachesActiveSubscribersOfTheProductInTheStorefrontsAsked) {
+  store_->setNotificationsURL("http://127.0.0.1:9/");  // kept in the outbox, not delivered
   store_->buyProduct(kBasic);
   const auto before = latestOf().at("expiresDate").as_int64();
   const auto mass = [&](const std::string& identifier, const std::string& more) {
@@ -168,6 +169,25 @@ TEST_F(ApiRequestsTest, MassExtensionReachesActiveSubscribersOfTheProductInTheSt
                R"({"productId":"com.vorntesk.sample.pro.monthly","extendByDays":10,"extendReasonCode":0,"requestIdentifier":"trial"})");
   ASSERT_EQ(reply.status, 200) << reply.body;
   EXPECT_EQ(status("com.vorntesk.sample.pro.monthly", "trial").at("failedCount"), 1);
+
+  // The developer's server hears of each subscription extended or not, and of each request's end.
+  NotificationQuery everything;
+  everything.start = platform::dateFromMillisecondsSince1970(0);
+  everything.end = store_->now() + std::chrono::hours(1);
+  std::vector<std::string> told;
+  json::value lastSummary;
+  for (const auto& made : store_->notificationHistory(everything)) {
+    told.push_back(made.type + "/" + made.subtype);
+    const auto payload = payloadOf(made.signedPayload);
+    if (made.subtype == "SUMMARY") lastSummary = payload.at("summary");
+  }
+  EXPECT_EQ(told, (std::vector<std::string>{
+                      "SUBSCRIBED/INITIAL_BUY", "RENEWAL_EXTENSION/SUMMARY", "RENEWAL_EXTENDED/",
+                      "RENEWAL_EXTENSION/SUMMARY", "SUBSCRIBED/INITIAL_BUY",
+                      "RENEWAL_EXTENSION/FAILURE", "RENEWAL_EXTENSION/SUMMARY"}));
+  EXPECT_EQ(lastSummary, json::parse(R"({"environment":"Xcode","bundleId":"com.vorntesk.example",)"
+                                     R"("productId":"com.vorntesk.sample.pro.monthly",)"
+                                     R"("requestIdentifier":"trial","succeededCount":0,"failedCount":1})"));
 }
 
 }  // namespace
