@@ -45,6 +45,9 @@ class Receiver {
       arrived_.notify_all();
       response.status = 200;
     });
+    // As a developer's web server keeps a connection (nginx: 1,000 requests by default).
+    server_.set_tcp_nodelay(true);
+    server_.set_keep_alive_max_count(1000);
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("the receiver cannot listen on loopback");
     thread_ = std::thread([this] { server_.listen_after_bind(); });

@@ -139,6 +139,13 @@ struct RefundPage {
   bool hasMore = false;
 };
 
+// How one attempt to deliver a notification went.
+struct DeliveryResult {
+  std::uint64_t sequence = 0;        // the notification's
+  std::size_t earlierAttempts = 0;   // made before this one
+  std::string result;  // Apple's name for it: "SUCCESS", "TIMED_OUT", "NO_RESPONSE", ...
+};
+
 // What a device asks to buy, with the options of its purchase call.
 struct PurchaseRequest {
   struct PromotionalOffer {
@@ -390,12 +397,10 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // The notifications due at the store clock's now, oldest first, with their attempts.
   std::vector<LedgerNotification> dueNotifications(std::size_t limit);
   std::optional<platform::Date> nextNotificationDue();
-  // Records the attempts to deliver `notifications` as due from dueNotifications, each result
-  // (results[i] for notifications[i]; fewer results leave the rest due) named as Apple names
-  // them ("SUCCESS", "TIMED_OUT", ...). A failure is tried again 1, 12, 24, 48 and 72 hours
-  // (store clock) after the attempt before it, then given up.
-  void recordSendAttempts(const std::vector<LedgerNotification>& notifications,
-                          const std::vector<std::string>& results);
+  // Records attempts to deliver notifications as due from dueNotifications. A failure is
+  // tried again 1, 12, 24, 48 and 72 hours (store clock) after the attempt before it, then
+  // given up.
+  void recordSendAttempts(const std::vector<DeliveryResult>& results);
   std::vector<LedgerNotification> notificationHistory(const NotificationQuery& query);
   // A TEST notification; its token, or nothing when no notifications URL is set.
   std::optional<std::string> requestTestNotification();

@@ -2,8 +2,6 @@
 // server about is signed into a notification and added to the outbox in the same write as the
 // change. Delivery is the sender's (appstore/server); the store keeps the outbox and the
 // schedule of retries.
-#include <algorithm>
-
 #include <boost/json/serialize.hpp>
 
 #include "appstore/store_state.h"
@@ -100,21 +98,18 @@ std::optional<platform::Date> LocalStore::nextNotificationDue() {
   return state_->ledger->nextNotificationDue();
 }
 
-void LocalStore::recordSendAttempts(const std::vector<LedgerNotification>& notifications,
-                                    const std::vector<std::string>& results) {
-  const auto count = std::min(notifications.size(), results.size());
-  if (count == 0) return;
+void LocalStore::recordSendAttempts(const std::vector<DeliveryResult>& results) {
+  if (results.empty()) return;
   std::lock_guard lock(mutex_);
   auto& state = *state_;
   const auto now = state.now();
   state.commit([&](LedgerWrite& write) {
-    for (std::size_t i = 0; i < count; ++i) {
+    for (const auto& attempt : results) {
       std::optional<platform::Date> next;
-      const auto failures = notifications[i].attempts.size();  // those before this one
-      if (results[i] != "SUCCESS" && failures < std::size(kRetryHours)) {
-        next = now + std::chrono::hours(kRetryHours[failures]);
+      if (attempt.result != "SUCCESS" && attempt.earlierAttempts < std::size(kRetryHours)) {
+        next = now + std::chrono::hours(kRetryHours[attempt.earlierAttempts]);
       }
-      write.recordSendAttempt(notifications[i].sequence, {now, results[i]}, next);
+      write.recordSendAttempt(attempt.sequence, {now, attempt.result}, next);
     }
   });
 }

@@ -13,6 +13,7 @@
 #include <stop_token>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "appstore/local_store.h"
 
@@ -53,8 +54,13 @@ class NotificationSender {
   void run(std::stop_token stop);
   void wake();
 
+  // The attempts made of `due` (all of them unless stopped) and how each went.
+  std::vector<DeliveryResult> postAll(const std::string& url,
+                                      const std::vector<LedgerNotification>& due,
+                                      std::stop_token stop);
+
   std::shared_ptr<LocalStore> store_;
-  NotificationPoster poster_;
+  std::vector<std::unique_ptr<NotificationPoster>> posters_;  // one connection each
   // Never held while calling the store: the store calls wake() with its own lock held.
   std::mutex mutex_;
   std::condition_variable_any woken_;
