@@ -22,6 +22,7 @@
 #include "appstore/local_store.h"
 #include "storekit/jws.h"
 #include "support/driver_process.h"
+#include "support/notification_receiver.h"
 
 namespace storekit {
 namespace {
@@ -43,7 +44,7 @@ class AppStoreServerLibrary : public ::testing::Test {
  protected:
   void SetUp() override {
     fs::create_directories(dir_);
-    for (const char* file : {"package.json", "verify.cjs", "server_client.cjs"}) {
+    for (const char* file : {"package.json", "verify.cjs", "server_client.cjs", "notifications.cjs"}) {
       fs::copy_file(fs::path(VORNTESK_SOURCE_DIR "/tests/interop") / file, dir_ / file,
                     fs::copy_options::overwrite_existing);
     }
@@ -475,6 +476,113 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientCallsEveryEndpointAndAgreesWithTheStor
   EXPECT_EQ(out.at("massStatus").at("failedCount"), 0);
   EXPECT_EQ(out.at("massStatusUnknown").at("httpStatusCode"), 404);
   EXPECT_EQ(out.at("massStatusUnknown").at("apiError"), 4040009);
+}
+
+// Every notification the store sends passes Apple's verifier, whether it arrives at the
+// developer's endpoint or is read back through Apple's client (the history, page by page, its
+// failures, and a test notification): the same notifications, in the order the store made
+// them, each delivered once to an endpoint that takes it.
+TEST_F(AppStoreServerLibrary, ItsVerifierAcceptsEveryNotificationAndItsClientReadsTheHistory) {
+  std::string pattern = (fs::temp_directory_path() / "interop_notifications.XXXXXX").string();
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  const fs::path temp = pattern;
+  testsupport::NotificationReceiver receiver;
+  ASSERT_TRUE(receiver.listening());
+  testsupport::RunningDriver driver({"--environment", "Sandbox", "--server", "0", "--api-key",
+                                     (temp / "key.p8").string(), "--key-id", "LOCALKEY01",
+                                     "--issuer-id", "57246542-96fe-1a63-e053-0824d011072a",
+                                     "--notifications-url", receiver.url()});
+  for (const char* product : {"com.vorntesk.sample.basic.monthly", "com.vorntesk.sample.coins100"}) {
+    ASSERT_TRUE(driver.ask(purchaseLine(product)));
+  }
+  for (const char* line :
+       {R"({"id":"a","store":"advanceTime","seconds":2764800})",
+        R"({"id":"p","store":"requestPriceIncreaseConsentForTransaction","identifier":3,"price":"3.49"})",
+        R"({"id":"d","store":"disableAutoRenewForTransaction","identifier":3})",
+        R"({"id":"e","store":"extendRenewalDate","originalTransactionId":1,"extendByDays":3,"requestIdentifier":"x"})",
+        R"({"id":"q","store":"requestRefund","identifier":2,"reason":"UNINTENDED_PURCHASE"})",
+        R"({"id":"r","store":"refundTransaction","identifier":2})"}) {
+    const auto answer = driver.ask(line);
+    ASSERT_TRUE(answer && answer->find("\"ok\":true") != std::string::npos) << line << ": " << answer.value_or("");
+  }
+  // More than a page of history (20).
+  constexpr std::size_t kCharges = 15;
+  for (std::size_t i = 0; i < kCharges; ++i) {
+    ASSERT_TRUE(driver.ask(R"({"id":"c","store":"buyProduct","productID":"com.vorntesk.sample.coins100"})"));
+  }
+  const std::size_t delivered = 8 + kCharges;
+  ASSERT_EQ(receiver.waitFor(delivered).size(), delivered);
+  // Then an endpoint that fails: the next one is attempted, and stays a failure.
+  receiver.answerWith(500);
+  ASSERT_TRUE(driver.ask(R"({"id":"b","store":"buyProduct","productID":"com.vorntesk.sample.removeads"})"));
+  ASSERT_EQ(receiver.waitFor(delivered + 1).size(), delivered + 1);
+  const auto made = driver.ask(R"({"id":"n","store":"notifications"})");
+  const auto now = driver.ask(R"({"id":"t","store":"now"})");
+  const auto url = driver.ask(R"({"id":"u","store":"server"})");
+  const auto root = driver.ask(R"({"id":"r","store":"rootCertificate"})");
+  ASSERT_TRUE(made && now && url && root);
+  receiver.answerWith(200);  // for the test notification
+  const auto end = platform::millisecondsSince1970(
+                       *platform::parseRFC3339(json::parse(*now).at("now").as_string())) + 60'000;
+  const auto printed = node(
+      "notifications.cjs",
+      {{"url", json::parse(*url).at("url")},
+       {"keyFile", (temp / "key.p8").string()},
+       {"keyId", "LOCALKEY01"},
+       {"issuerId", "57246542-96fe-1a63-e053-0824d011072a"},
+       {"bundleId", "com.vorntesk.example"},
+       {"trustedRoot", platform::base64Encode(derOfPEM(std::string(json::parse(*root).at("pem").as_string())))},
+       {"startDate", end - 29LL * 24 * 3600 * 1000},
+       {"endDate", end}},
+      "notifications");
+  fs::remove_all(temp);
+  ASSERT_TRUE(printed.is_object() && printed.as_object().contains("history")) << json::serialize(printed);
+
+  // The store's list, and what the endpoint received, in the store's order.
+  const auto listed = json::parse(*made).at("notifications").as_array();
+  const auto received = receiver.waitFor(delivered + 2);
+  std::vector<std::string> stored, arrived, read;
+  for (const auto& n : listed) {
+    stored.push_back(std::string(n.at("notificationType").as_string()) + "/" +
+                     std::string(n.at("subtype").as_string()) + " " +
+                     std::string(n.at("notificationUUID").as_string()));
+  }
+  for (std::size_t i = 0; i <= delivered && i < received.size(); ++i) {
+    const auto subtype = received[i].if_contains("subtype");
+    arrived.push_back(std::string(received[i].at("notificationType").as_string()) + "/" +
+                        (subtype ? std::string(subtype->as_string()) : "") + " " +
+                        std::string(received[i].at("notificationUUID").as_string()));
+  }
+  for (const auto& n : printed.at("history").as_array()) {
+    read.push_back(std::string(n.at("notificationType").as_string()) + "/" +
+                   std::string(n.at("subtype").as_string()) + " " +
+                   std::string(n.at("notificationUUID").as_string()));
+  }
+  ASSERT_EQ(stored.size(), delivered + 1);
+  const std::vector<std::string> kinds = {
+      "SUBSCRIBED/INITIAL_BUY", "ONE_TIME_CHARGE/", "DID_RENEW/", "PRICE_INCREASE/PENDING",
+      "DID_CHANGE_RENEWAL_STATUS/AUTO_RENEW_DISABLED", "RENEWAL_EXTENDED/",
+      "CONSUMPTION_REQUEST/", "REFUND/", "ONE_TIME_CHARGE/"};  // then more of the last
+  for (std::size_t i = 0; i < kinds.size(); ++i) EXPECT_EQ(stored[i].rfind(kinds[i] + " ", 0), 0u) << stored[i];
+  std::vector<std::string> sortedStored = stored, sortedArrived = arrived;
+  std::sort(sortedStored.begin(), sortedStored.end());
+  std::sort(sortedArrived.begin(), sortedArrived.end());
+  EXPECT_EQ(sortedArrived, sortedStored);  // delivery order is not promised, as with Apple's
+  // The history reaches back 30 days in the sandbox: the two purchases before the clock moved
+  // 32 days on are out of it; the rest, then the test, in the order they were made.
+  auto recent = std::vector<std::string>(stored.begin() + 2, stored.end());
+  ASSERT_FALSE(read.empty());
+  recent.push_back(read.back());
+  EXPECT_EQ(read, recent);
+  EXPECT_EQ(read.back().rfind("TEST/ ", 0), 0u);
+  const auto& failures = printed.at("failures").as_array();
+  ASSERT_EQ(failures.size(), 1u);
+  EXPECT_EQ(failures[0].at("attempts"), json::array{"UNSUCCESSFUL_HTTP_RESPONSE_CODE"});
+  EXPECT_EQ(failures[0].at("transactionId").as_string(), std::to_string(4 + kCharges));
+  const auto& test = printed.at("test");
+  ASSERT_TRUE(test.is_object()) << json::serialize(printed);
+  EXPECT_EQ(test.at("notificationType"), "TEST");
+  EXPECT_EQ(test.at("attempts"), json::array{"SUCCESS"});
 }
 
 }  // namespace
