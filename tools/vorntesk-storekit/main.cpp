@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <charconv>
+#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -215,6 +216,9 @@ int main(int argc, char** argv) {
   Vorn_Tesk_AppleStoreKitService_Register();
   driver.run(std::cin);
   server.reset();
+  // What the last lines made goes out before the process does (undelivered ones stay in a
+  // state file for the next launch).
+  if (sender) sender->drain(std::chrono::seconds(5));
   sender.reset();
   // The ledger closes with the store: SQLite folds its write-ahead log back into the state
   // file, which then holds everything by itself (a file copied after exit is complete).

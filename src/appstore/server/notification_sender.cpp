@@ -106,6 +106,19 @@ NotificationSender::~NotificationSender() {
   if (thread_.joinable()) thread_.join();
 }
 
+void NotificationSender::drain(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  try {
+    while (!store_->notificationsURL().empty() && !store_->dueNotifications(1).empty() &&
+           std::chrono::steady_clock::now() < deadline) {
+      wake();
+      std::this_thread::sleep_for(milliseconds(5));
+    }
+  } catch (const std::exception&) {
+    // An outbox that cannot be read has nothing more to send now.
+  }
+}
+
 void NotificationSender::wake() {
   {
     std::lock_guard lock(mutex_);

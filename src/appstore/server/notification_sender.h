@@ -46,6 +46,10 @@ class NotificationSender {
   static std::unique_ptr<NotificationSender> start(std::shared_ptr<LocalStore> store,
                                                    SenderOptions options = {});
   ~NotificationSender();
+
+  // Waits, at most `limit`, until every notification due now has had an attempt: a process
+  // about to exit lets what it just made go out.
+  void drain(std::chrono::milliseconds limit);
   NotificationSender(const NotificationSender&) = delete;
   NotificationSender& operator=(const NotificationSender&) = delete;
 
