@@ -353,6 +353,16 @@ std::string LocalStore::environment() const {
   return state_->environment;
 }
 
+void LocalStore::setServerURL(std::string url) {
+  std::lock_guard lock(mutex_);
+  state_->serverURL = std::move(url);
+}
+
+std::string LocalStore::serverURL() const {
+  std::lock_guard lock(mutex_);
+  return state_->serverURL;
+}
+
 std::string LocalStore::statePath() const {
   std::lock_guard lock(mutex_);
   return state_->ledger->path();

@@ -299,6 +299,9 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   std::string environment() const;
   // The state file, or empty when the ledger is in memory.
   std::string statePath() const;
+  // Where the store is served over HTTP ("http://HOST:PORT"), once a server says so; else empty.
+  void setServerURL(std::string url);
+  std::string serverURL() const;
 
   // --- SKTestSession's controls -----------------------------------------------------------
   bool askToBuyEnabled() const;

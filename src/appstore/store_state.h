@@ -154,6 +154,7 @@ class LocalStore::State {
   std::vector<TransactionListener> listeners;
   bool wake = false;
   std::string notificationsURL;  // empty: no notifications are made
+  std::string serverURL;
   std::function<void()> outboxListener;  // told, with the store's lock held, of new notifications
 
   // What the ledger keeps, cached; reload() reads it back.

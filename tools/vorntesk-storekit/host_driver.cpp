@@ -4,7 +4,8 @@
 #include "host/tesk_bridge_dispatcher.h"
 #include "platform/json.h"
 #include "storekit/device.h"
-#include "store_controls.h"
+#include "appstore/local_store.h"
+#include "appstore/store_controls.h"
 
 #include <boost/json/serialize.hpp>
 
@@ -166,7 +167,8 @@ void HostDriver::handleLine(std::string_view text) {
     }
     if (const auto* control = line.if_contains("store")) {
       if (!control->is_string()) return writeError(id, R"("store" must be a control name (a string))");
-      const auto result = runStoreControl(control->get_string(), line);
+      const auto result =
+          appstore::runStoreControl(*appstore::LocalStore::shared(), control->get_string(), line);
       std::string answer = R"({"id":)" + id + R"(,"ok":true)";
       for (const auto& member : result) {
         answer += ',' + quoted(member.key()) + ':' + boost::json::serialize(member.value());

@@ -7,7 +7,7 @@
 #include "appstore/local_store.h"
 #include "appstore/server/app_store_server.h"
 #include "appstore/server/notification_sender.h"
-#include "store_controls.h"
+#include "appstore/store_controls.h"
 
 #include <filesystem>
 #include <charconv>
@@ -18,7 +18,7 @@
 
 namespace {
 
-using vorntesk_storekit::storeControlHelp;
+using appstore::storeControlHelp;
 
 void printHelp(std::ostream& out) {
   out << R"(Usage: vorntesk-storekit [--config FILE.storekit] [--state FILE] [--environment NAME]
@@ -195,7 +195,6 @@ int main(int argc, char** argv) {
       options.port = port;
       options.key = appstore::server::InAppPurchaseKey::loadOrCreate(apiKey, keyID, issuerID);
       server = appstore::server::AppStoreServer::start(store, std::move(options));
-      vorntesk_storekit::announceServer(server->url());
     }
     if (!notificationsURL.empty()) {
       store->setNotificationsURL(notificationsURL);

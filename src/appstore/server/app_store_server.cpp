@@ -142,8 +142,9 @@ class AppStoreServer::Impl {
 
 std::unique_ptr<AppStoreServer> AppStoreServer::start(std::shared_ptr<LocalStore> store,
                                                       ServerOptions options) {
-  auto impl = std::make_unique<Impl>(std::move(store), std::move(options));
+  auto impl = std::make_unique<Impl>(store, std::move(options));
   impl->listen();
+  store->setServerURL(impl->url());
   return std::unique_ptr<AppStoreServer>(new AppStoreServer(std::move(impl)));
 }
 

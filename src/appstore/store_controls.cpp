@@ -1,4 +1,4 @@
-#include "store_controls.h"
+#include "appstore/store_controls.h"
 
 #include "platform/base64.h"
 #include "platform/date.h"
@@ -14,12 +14,11 @@
 #include <limits>
 #include <map>
 
-namespace vorntesk_storekit {
+namespace appstore {
 
 namespace {
 
 using boost::json::object;
-using appstore::LocalStore;
 
 // Typed access to a control's arguments with messages that name the argument.
 class Arguments {
@@ -73,17 +72,17 @@ class Arguments {
   const object& members_;
 };
 
-std::string stateName(appstore::TestTransaction::State state) {
+std::string stateName(TestTransaction::State state) {
   switch (state) {
-    case appstore::TestTransaction::State::purchased: return "purchased";
-    case appstore::TestTransaction::State::pendingAskToBuy: return "pendingAskToBuy";
-    case appstore::TestTransaction::State::declined: return "declined";
-    case appstore::TestTransaction::State::interrupted: return "interrupted";
+    case TestTransaction::State::purchased: return "purchased";
+    case TestTransaction::State::pendingAskToBuy: return "pendingAskToBuy";
+    case TestTransaction::State::declined: return "declined";
+    case TestTransaction::State::interrupted: return "interrupted";
   }
   return "unknown";
 }
 
-object describe(const appstore::TestTransaction& entry) {
+object describe(const TestTransaction& entry) {
   object out;
   out["identifier"] = entry.identifier;
   out["productIdentifier"] = entry.productIdentifier;
@@ -102,8 +101,8 @@ object describe(const appstore::TestTransaction& entry) {
 }
 
 // buyProduct's request: productID, quantity, appAccountToken, promotionalOfferID, signature.
-appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
-  appstore::PurchaseRequest request;
+PurchaseRequest purchaseRequest(const Arguments& arguments) {
+  PurchaseRequest request;
   request.productID = arguments.string("productID");
   if (arguments.has("quantity")) request.quantity = arguments.integer("quantity");
   if (arguments.has("appAccountToken")) {
@@ -122,13 +121,8 @@ appstore::PurchaseRequest purchaseRequest(const Arguments& arguments) {
   return request;
 }
 
-std::string& serverURL() {
-  static std::string url;
-  return url;
-}
-
-const char* extensionRefusalName(appstore::RenewalExtensionRefused::Reason reason) {
-  using Reason = appstore::RenewalExtensionRefused::Reason;
+const char* extensionRefusalName(RenewalExtensionRefused::Reason reason) {
+  using Reason = RenewalExtensionRefused::Reason;
   switch (reason) {
     case Reason::invalidExtendByDays: return "invalidExtendByDays";
     case Reason::invalidExtendReasonCode: return "invalidExtendReasonCode";
@@ -154,8 +148,8 @@ boost::json::value jwsPayload(const std::string& jws) {
   return ec ? boost::json::value() : parsed;
 }
 
-appstore::StoreFailure simulatedError(const std::string& name) {
-  const auto error = appstore::StoreFailure::named(name);
+StoreFailure simulatedError(const std::string& name) {
+  const auto error = StoreFailure::named(name);
   if (!error) throw ControlError("unknown error \"" + name + "\"");
   return *error;
 }
@@ -342,7 +336,7 @@ const std::map<std::string, Control, std::less<>>& controls() {
           R"({"id":1,"store":"extendRenewalDate","originalTransactionId":1,"extendByDays":7,)"
           R"("requestIdentifier":"outage-1"})"},
          [](LocalStore& s, const Arguments& a) {
-           appstore::RenewalExtensionRequest request;
+           RenewalExtensionRequest request;
            request.originalTransactionID = a.identifier("originalTransactionId");
            request.extendByDays = a.integer("extendByDays");
            if (a.has("extendReasonCode")) request.extendReasonCode = a.integer("extendReasonCode");
@@ -353,7 +347,7 @@ const std::map<std::string, Control, std::less<>>& controls() {
                            {"webOrderLineItemId", result.webOrderLineItemID},
                            {"success", result.success},
                            {"effectiveDate", platform::formatRFC3339(result.effectiveDate)}};
-           } catch (const appstore::RenewalExtensionRefused& refused) {
+           } catch (const RenewalExtensionRefused& refused) {
              throw ControlError(std::string(extensionRefusalName(refused.reason())) + ": " +
                                 refused.what());
            }
@@ -400,7 +394,7 @@ const std::map<std::string, Control, std::less<>>& controls() {
           "type, subtype, dates and every send attempt",
           R"({"id":1,"store":"notifications"})"},
          [](LocalStore& s, const Arguments&) {
-           appstore::NotificationQuery query;
+           NotificationQuery query;
            query.start = platform::dateFromMillisecondsSince1970(0);
            query.end = platform::dateFromMillisecondsSince1970(253402300799999);
            query.limit = 100000;
@@ -462,9 +456,9 @@ const std::map<std::string, Control, std::less<>>& controls() {
          }});
     add({{"server", "", "the URL of the App Store Server API (the driver started with --server)",
           R"({"id":1,"store":"server"})"},
-         [](LocalStore&, const Arguments&) {
-           if (serverURL().empty()) throw ControlError("the driver was not started with --server");
-           return object{{"url", serverURL()}};
+         [](LocalStore& s, const Arguments&) {
+           if (s.serverURL().empty()) throw ControlError("the store is not served over HTTP (--server)");
+           return object{{"url", s.serverURL()}};
          }});
     add({{"now", "", "the store clock", R"({"id":1,"store":"now"})"},
          [](LocalStore& s, const Arguments&) {
@@ -476,9 +470,9 @@ const std::map<std::string, Control, std::less<>>& controls() {
           "makes a store call fail",
           R"({"id":1,"store":"setSimulatedError","api":"purchase","error":"networkError"})"},
          [](LocalStore& s, const Arguments& a) {
-           const auto api = appstore::storeKitAPINamed(a.string("api"));
+           const auto api = storeKitAPINamed(a.string("api"));
            if (!api) throw ControlError("unknown api \"" + a.string("api") + "\"");
-           std::optional<appstore::StoreFailure> error;
+           std::optional<StoreFailure> error;
            if (a.has("error")) error = simulatedError(a.string("error"));
            s.setSimulatedError(*api, error);
            return object{};
@@ -487,10 +481,10 @@ const std::map<std::string, Control, std::less<>>& controls() {
           "makes one transaction come out unverified",
           R"({"id":1,"store":"setVerificationFailure","identifier":2,"error":"revokedCertificate"})"},
          [](LocalStore& s, const Arguments& a) {
-           std::optional<appstore::StoreFailure> error;
+           std::optional<StoreFailure> error;
            if (a.has("error")) {
-             error = appstore::StoreFailure::named(a.string("error"));
-             if (!error || error->family != appstore::StoreFailure::Family::verification) {
+             error = StoreFailure::named(a.string("error"));
+             if (!error || error->family != StoreFailure::Family::verification) {
                throw ControlError("unknown verification error \"" + a.string("error") + "\"");
              }
            }
@@ -518,7 +512,7 @@ const std::map<std::string, Control, std::less<>>& controls() {
     add({{"loadConfiguration", "path", "replaces products and settings from a .storekit file",
           R"({"id":1,"store":"loadConfiguration","path":"examples/SampleStore.storekit"})"},
          [](LocalStore& s, const Arguments& a) {
-           s.loadConfiguration(appstore::StoreConfiguration::load(a.string("path")));
+           s.loadConfiguration(StoreConfiguration::load(a.string("path")));
            return object{};
          }});
     return t;
@@ -528,11 +522,12 @@ const std::map<std::string, Control, std::less<>>& controls() {
 
 }  // namespace
 
-boost::json::object runStoreControl(std::string_view name, const boost::json::object& arguments) {
+boost::json::object runStoreControl(LocalStore& store, std::string_view name,
+                                    const boost::json::object& arguments) {
   const auto& table = controls();
   const auto found = table.find(name);
   if (found == table.end()) throw ControlError("unknown store control \"" + std::string(name) + "\"");
-  return found->second.run(*LocalStore::shared(), Arguments(arguments));
+  return found->second.run(store, Arguments(arguments));
 }
 
 const std::vector<ControlHelp>& storeControlHelp() {
@@ -544,6 +539,4 @@ const std::vector<ControlHelp>& storeControlHelp() {
   return *help;
 }
 
-void announceServer(std::string url) { serverURL() = std::move(url); }
-
-}  // namespace vorntesk_storekit
+}  // namespace appstore
