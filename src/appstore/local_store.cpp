@@ -327,6 +327,7 @@ void LocalStore::loadConfiguration(StoreConfiguration configuration) {
   std::lock_guard lock(mutex_);
   state_->applySettings(configuration.settings);
   state_->configuration = std::move(configuration);
+  state_->changed();
   wakeRenewals();
 }
 
@@ -389,7 +390,6 @@ void LocalStore::advanceTime(milliseconds amount) {
     state.putCounters(write);
   });
   state.broadcast(renewed);
-  if (state.outboxListener) state.outboxListener();  // retries may have come due
   wakeRenewals();
 }
 

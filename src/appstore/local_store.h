@@ -394,9 +394,11 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   // delivered or given up; empty (the default) makes none.
   void setNotificationsURL(std::string url);
   std::string notificationsURL() const;
-  // Told of every notification added to the outbox, of a new URL and of the clock moving, with
-  // the store's lock held: it may only wake whoever delivers (who then calls the store).
-  void setOutboxListener(std::function<void()> listener);
+  // Told of every change committed to the ledger (a notification made, the clock moved, ...)
+  // and every setting changed, with the store's lock held: it may only wake someone who then
+  // calls the store. Answers the id that removes it.
+  std::uint64_t addChangeListener(std::function<void()> listener);
+  void removeChangeListener(std::uint64_t id);
   // The notifications due at the store clock's now, oldest first, with their attempts.
   std::vector<LedgerNotification> dueNotifications(std::size_t limit);
   std::optional<platform::Date> nextNotificationDue();

@@ -24,6 +24,7 @@ bool LocalStore::askToBuyEnabled() const {
 void LocalStore::setAskToBuyEnabled(bool enabled) {
   std::lock_guard lock(mutex_);
   state_->settings.askToBuyEnabled = enabled;
+  state_->changed();
 }
 bool LocalStore::interruptedPurchasesEnabled() const {
   std::lock_guard lock(mutex_);
@@ -32,6 +33,7 @@ bool LocalStore::interruptedPurchasesEnabled() const {
 void LocalStore::setInterruptedPurchasesEnabled(bool enabled) {
   std::lock_guard lock(mutex_);
   state_->settings.interruptedPurchasesEnabled = enabled;
+  state_->changed();
 }
 bool LocalStore::failTransactionsEnabled() const {
   std::lock_guard lock(mutex_);
@@ -40,6 +42,7 @@ bool LocalStore::failTransactionsEnabled() const {
 void LocalStore::setFailTransactionsEnabled(bool enabled) {
   std::lock_guard lock(mutex_);
   state_->settings.failTransactionsEnabled = enabled;
+  state_->changed();
 }
 bool LocalStore::shouldEnterBillingRetryOnRenewal() const {
   std::lock_guard lock(mutex_);
@@ -48,6 +51,7 @@ bool LocalStore::shouldEnterBillingRetryOnRenewal() const {
 void LocalStore::setShouldEnterBillingRetryOnRenewal(bool enabled) {
   std::lock_guard lock(mutex_);
   state_->settings.shouldEnterBillingRetryOnRenewal = enabled;
+  state_->changed();
 }
 bool LocalStore::billingGracePeriodIsEnabled() const {
   std::lock_guard lock(mutex_);
@@ -56,6 +60,7 @@ bool LocalStore::billingGracePeriodIsEnabled() const {
 void LocalStore::setBillingGracePeriodIsEnabled(bool enabled) {
   std::lock_guard lock(mutex_);
   state_->settings.billingGracePeriodIsEnabled = enabled;
+  state_->changed();
 }
 int LocalStore::timeRate() const {
   std::lock_guard lock(mutex_);
@@ -65,6 +70,7 @@ void LocalStore::setTimeRate(std::int64_t rate) {
   if (!isKnownTimeRate(rate)) throw std::invalid_argument(unknownTimeRateMessage(rate));
   std::lock_guard lock(mutex_);
   state_->settings.timeRate = static_cast<int>(rate);
+  state_->changed();
   wakeRenewals();
 }
 std::string LocalStore::storefront() const {
@@ -76,6 +82,7 @@ void LocalStore::setStorefront(const std::string& countryCode) {
   if (!known) invalid("unknown storefront \"" + countryCode + "\"");
   std::lock_guard lock(mutex_);
   state_->settings.storefront = known->countryCode;
+  state_->changed();
 }
 std::string LocalStore::locale() const {
   std::lock_guard lock(mutex_);
@@ -84,6 +91,7 @@ std::string LocalStore::locale() const {
 void LocalStore::setLocale(const std::string& locale) {
   std::lock_guard lock(mutex_);
   state_->settings.locale = locale;
+  state_->changed();
 }
 
 std::vector<TestTransaction> LocalStore::allTransactions() const {

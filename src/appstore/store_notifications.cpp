@@ -66,7 +66,6 @@ LedgerNotification LocalStore::State::notifyWith(LedgerWrite& write, std::string
   payload["signedDate"] = platform::millisecondsSince1970(notification.created);
   notification.signedPayload = authority->sign(json::serialize(payload));
   write.putNotification(notification);
-  if (outboxListener) outboxListener();
   return notification;
 }
 
@@ -75,7 +74,7 @@ LedgerNotification LocalStore::State::notifyWith(LedgerWrite& write, std::string
 void LocalStore::setNotificationsURL(std::string url) {
   std::lock_guard lock(mutex_);
   state_->notificationsURL = std::move(url);
-  if (state_->outboxListener) state_->outboxListener();
+  state_->changed();
 }
 
 std::string LocalStore::notificationsURL() const {
@@ -83,9 +82,16 @@ std::string LocalStore::notificationsURL() const {
   return state_->notificationsURL;
 }
 
-void LocalStore::setOutboxListener(std::function<void()> listener) {
+std::uint64_t LocalStore::addChangeListener(std::function<void()> listener) {
   std::lock_guard lock(mutex_);
-  state_->outboxListener = std::move(listener);
+  const auto id = state_->nextChangeListener++;
+  state_->changeListeners.emplace(id, std::move(listener));
+  return id;
+}
+
+void LocalStore::removeChangeListener(std::uint64_t id) {
+  std::lock_guard lock(mutex_);
+  state_->changeListeners.erase(id);
 }
 
 std::vector<LedgerNotification> LocalStore::dueNotifications(std::size_t limit) {

@@ -70,6 +70,7 @@ class LocalStore::State {
       reload();
       throw;
     }
+    changed();
   }
 
   platform::Date now() const { return platform::now() + clockOffset; }
@@ -155,7 +156,12 @@ class LocalStore::State {
   bool wake = false;
   std::string notificationsURL;  // empty: no notifications are made
   std::string serverURL;
-  std::function<void()> outboxListener;  // told, with the store's lock held, of new notifications
+  // Told, with the store's lock held, of every change committed and every setting changed.
+  std::map<std::uint64_t, std::function<void()>> changeListeners;
+  std::uint64_t nextChangeListener = 1;
+  void changed() {
+    for (const auto& [id, listener] : changeListeners) listener();
+  }
 
   // What the ledger keeps, cached; reload() reads it back.
   platform::UUID deviceID{platform::UUID::Bytes{}};

@@ -88,7 +88,7 @@ std::string NotificationPoster::post(const std::string& url, const std::string& 
 std::unique_ptr<NotificationSender> NotificationSender::start(std::shared_ptr<LocalStore> store,
                                                               SenderOptions options) {
   std::unique_ptr<NotificationSender> sender(new NotificationSender(std::move(store), options));
-  sender->store_->setOutboxListener([raw = sender.get()] { raw->wake(); });
+  sender->listener_ = sender->store_->addChangeListener([raw = sender.get()] { raw->wake(); });
   sender->thread_ = std::jthread([raw = sender.get()](std::stop_token stop) { raw->run(stop); });
   return sender;
 }
@@ -101,7 +101,7 @@ NotificationSender::NotificationSender(std::shared_ptr<LocalStore> store, Sender
 }
 
 NotificationSender::~NotificationSender() {
-  store_->setOutboxListener(nullptr);
+  store_->removeChangeListener(listener_);
   thread_.request_stop();
   if (thread_.joinable()) thread_.join();
 }

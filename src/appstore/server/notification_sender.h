@@ -65,6 +65,7 @@ class NotificationSender {
 
   std::shared_ptr<LocalStore> store_;
   std::vector<std::unique_ptr<NotificationPoster>> posters_;  // one connection each
+  std::uint64_t listener_ = 0;  // of the store's changes
   // Never held while calling the store: the store calls wake() with its own lock held.
   std::mutex mutex_;
   std::condition_variable_any woken_;
