@@ -316,6 +316,11 @@ std::optional<StoreFailure> LocalStore::verificationFailure(std::uint64_t transa
 
 // --- Configuration ----------------------------------------------------------------------------
 
+StoreConfiguration LocalStore::configuration() const {
+  std::lock_guard lock(mutex_);
+  return state_->configuration;
+}
+
 void LocalStore::loadConfiguration(StoreConfiguration configuration) {
   if (!storefrontForCountry(configuration.settings.storefront)) {
     throw ConfigurationError("settings._storefront: unknown storefront \"" +

@@ -190,6 +190,8 @@ struct TestTransaction {
   bool hasPurchaseIssue = false;
   bool finished = false;
   bool revoked = false;
+  bool upgraded = false;      // replaced at once by a higher tier of its group
+  bool familyShared = false;  // a family member's purchase shared with this account
   bool autoRenewingEnabled = false;  // auto-renewable subscriptions that will renew
   std::optional<std::uint64_t> originalTransactionIdentifier;
   std::optional<platform::Date> purchaseDate;
@@ -288,6 +290,8 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
       const std::string& productID, const std::string& requestIdentifier);
 
   // --- Configuration and identity ---------------------------------------------------------
+  // The catalogue and the settings as loaded (the controls change the settings in use).
+  StoreConfiguration configuration() const;
   // Replaces the products and the settings; the history stays. Throws ConfigurationError for
   // settings the store cannot honour (an unknown storefront).
   void loadConfiguration(StoreConfiguration configuration);

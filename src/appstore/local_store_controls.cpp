@@ -107,6 +107,8 @@ std::vector<TestTransaction> LocalStore::allTransactions() const {
     entry.hasPurchaseIssue = row.state == EntryState::interrupted;
     entry.finished = row.finished;
     entry.revoked = row.revocationDate.has_value();
+    entry.upgraded = row.upgraded;
+    entry.familyShared = row.familyShared;
     if (row.state == EntryState::purchased) {
       entry.jwsRepresentation = state.ledger->signedForm(row.id).value_or("");
       entry.purchaseDate = row.purchaseDate;

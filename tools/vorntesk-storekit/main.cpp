@@ -24,7 +24,7 @@ void printHelp(std::ostream& out) {
   out << R"(Usage: vorntesk-storekit [--config FILE.storekit] [--state FILE] [--environment NAME]
                          [--export-root FILE] [--os-version X.Y] [--transcript]
                          [--server [HOST:]PORT --api-key FILE.p8 --key-id ID --issuer-id ID]
-                         [--notifications-url URL]
+                         [--notifications-url URL] [--allow-remote-manager]
 
 Runs the AppleStoreKitService against a simulated App Store and speaks JSON Lines:
 one JSON object per line on standard input, one per line on standard output.
@@ -46,6 +46,10 @@ Options:
                     serve the App Store Server API over HTTP from the same ledger, on
                     HOST (default 127.0.0.1) and PORT (0: a free one; the "server"
                     control answers the URL)
+  --allow-remote-manager
+                    let the Transaction Manager page (the server's "/") run the store's
+                    controls when the server is bound to an address other than loopback;
+                    without it they answer only on loopback
   --api-key FILE.p8 the in-app-purchase key whose signed tokens the server accepts
                     (PKCS#8 PEM, as App Store Connect gives it); created if missing
   --key-id ID       that key's id (the tokens' "kid")
@@ -117,6 +121,7 @@ int main(int argc, char** argv) {
   std::string environment = "Xcode";
   std::string exportRoot;
   std::string serverAddress, apiKey, keyID, issuerID, notificationsURL;
+  bool remoteManager = false;
   auto output = vorntesk_storekit::HostDriver::Output::protocol;
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
@@ -126,6 +131,10 @@ int main(int argc, char** argv) {
     }
     if (argument == "--transcript") {
       output = vorntesk_storekit::HostDriver::Output::transcript;
+      continue;
+    }
+    if (argument == "--allow-remote-manager") {
+      remoteManager = true;
       continue;
     }
     if ((argument == "--config" || argument == "--os-version" || argument == "--state" ||
@@ -193,6 +202,7 @@ int main(int argc, char** argv) {
         return 2;
       }
       options.port = port;
+      options.managerFromAnywhere = remoteManager;
       options.key = appstore::server::InAppPurchaseKey::loadOrCreate(apiKey, keyID, issuerID);
       server = appstore::server::AppStoreServer::start(store, std::move(options));
     }

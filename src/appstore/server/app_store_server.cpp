@@ -10,6 +10,7 @@
 #include <boost/json/serialize.hpp>
 
 #include "appstore/server/bearer_token.h"
+#include "appstore/server/manager_routes.h"
 #include "appstore/server/notification_api.h"
 #include "appstore/server/server_api.h"
 
@@ -23,6 +24,8 @@ class AppStoreServer::Impl {
     http_.set_tcp_nodelay(true);
     // Nothing reaches an endpoint without a token signed with the developer's key.
     http_.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+      // The Transaction Manager page is not the API: no token (see ManagerRoutes).
+      if (isManagerPath(request.path)) return httplib::Server::HandlerResponse::Unhandled;
       const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                            std::chrono::system_clock::now().time_since_epoch())
                            .count();
@@ -118,6 +121,7 @@ class AppStoreServer::Impl {
   }
 
   ~Impl() {
+    manager_.stop();
     http_.stop();
     if (thread_.joinable()) thread_.join();
   }
@@ -136,6 +140,7 @@ class AppStoreServer::Impl {
   std::shared_ptr<LocalStore> store_;
   ServerOptions options_;
   httplib::Server http_;
+  ManagerRoutes manager_{http_, store_, isLoopback(options_.host) || options_.managerFromAnywhere};
   int port_ = -1;
   std::thread thread_;
 };

@@ -17,6 +17,9 @@ struct ServerOptions {
   std::string host = "127.0.0.1";
   int port = 0;  // 0: a free port
   InAppPurchaseKey key;
+  // The Transaction Manager page's controls answer from other machines too (the server bound to
+  // an address other than loopback); otherwise they answer only on loopback.
+  bool managerFromAnywhere = false;
 };
 
 class AppStoreServer {
