@@ -69,7 +69,7 @@ async function main() {
     await page.waitForFunction(() => [...document.querySelectorAll('#transactions td:nth-child(3)')]
       .some((td) => td.textContent.endsWith('removeads')), kWait);
     await shot('5-bought-from-the-driver');
-    say('driverPurchaseShown', {});
+    say('driverPurchaseShown', { shown: true });
 
     // A control that fails says why, beside it.
     await page.$eval('#setting-storefront', (node) => { node.value = 'XXX'; });

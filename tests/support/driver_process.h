@@ -66,8 +66,10 @@ inline DriverRun runDriver(const std::vector<std::string>& input, const std::str
 // ends its input and gives it ten seconds to exit before killing it.
 class RunningDriver {
  public:
-  explicit RunningDriver(const std::vector<std::string>& arguments, const std::string& errors = "") {
-    std::vector<char*> argv{const_cast<char*>(VORNTESK_DRIVER_PATH)};
+  // `program` is the driver unless said otherwise (any program that speaks lines will do).
+  explicit RunningDriver(const std::vector<std::string>& arguments, const std::string& errors = "",
+                         const char* program = VORNTESK_DRIVER_PATH) {
+    std::vector<char*> argv{const_cast<char*>(program)};
     for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     int in[2], out[2];
@@ -82,7 +84,7 @@ class RunningDriver {
       ::dup2(in[0], 0);
       ::dup2(out[1], 1);
       if (err >= 0) ::dup2(err, 2);
-      ::execv(VORNTESK_DRIVER_PATH, argv.data());
+      ::execv(program, argv.data());
       ::_exit(127);
     }
     if (err >= 0) ::close(err);

@@ -29,6 +29,7 @@ th, td { text-align: left; padding: 4px 8px; border-bottom: 1px solid var(--line
          white-space: nowrap; }
 th { font-weight: 600; color: var(--muted); font-size: 13px; }
 form, .controls { display: inline-flex; flex-wrap: wrap; gap: 4px; align-items: center; margin: 2px 0; }
+td form { flex-wrap: nowrap; }
 label { color: var(--muted); font-size: 13px; }
 input, select, button { font: inherit; font-size: 14px; padding: 2px 6px; }
 input[type=number] { width: 6em; }
@@ -278,8 +279,9 @@ async function refresh() {
   state = await response.json();
   clockBase = [state.store.now, performance.now()];
   const offset = state.store.offsetMs;
+  const days = Math.floor(Math.abs(offset) / 86400000), hours = (Math.abs(offset) % 86400000) / 3600000;
   document.getElementById('offset').textContent = Math.abs(offset) < 1000 ? '(system time)'
-    : '(system time ' + (offset > 0 ? '+ ' : '- ') + (Math.abs(offset) / 3600000).toFixed(2) + ' h)';
+    : '(system time ' + (offset > 0 ? '+ ' : '- ') + (days ? days + ' d ' : '') + hours.toFixed(1) + ' h)';
   tick();
   renderSettings(state.store);
   renderCatalogue(state.products);
