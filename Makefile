@@ -6,7 +6,7 @@ FUZZ_SECONDS ?= 60
 
 DEB_PACKAGES := cmake ninja-build g++ pkg-config libboost-json1.81-dev libssl-dev uuid-dev \
 	libicu-dev nlohmann-json3-dev clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-	libbenchmark-dev libsqlite3-dev libsqlitecpp-dev libcpp-httplib-dev
+	libbenchmark-dev libsqlite3-dev libsqlitecpp-dev libcpp-httplib-dev chromium
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: deps configure build test check-sanitizers fuzz demo bench clean
