@@ -52,6 +52,10 @@ demo: configure
 	@echo "A renewal that fails for a billing issue: grace period, billing retry, recovery"
 	@echo "(README, Testing a failed renewal):"
 	build/$(PRESET)/tools/vorntesk-storekit --transcript < examples/failed_renewal.jsonl
+	@echo
+	@echo "To watch and drive the store in a browser, start the driver with --server 127.0.0.1:8123"
+	@echo "(and --api-key, --key-id, --issuer-id) and open http://127.0.0.1:8123/ (README, The"
+	@echo "Transaction Manager page)."
 
 # Benchmarks (bench/README.md): the release build with the benchmark programs, every figure
 # beside its floor and its peers, gathered into build/bench/summary.json and printed.
