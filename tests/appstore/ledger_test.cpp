@@ -304,16 +304,13 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
   std::string noise(8192, '\0');
   for (char& c : noise) c = static_cast<char>(random());
   // Damage comes in SQLite's words, which vary: only "damaged (...)" on one line is checked.
+  // (The refusals as the driver's users meet them, another process's file among them:
+  // tests/tools/state_file_test.cpp.)
   const std::pair<std::function<fs::path()>, std::string> cases[] = {
-      {[&] { return bytes("noise", noise); }, "not a SQLite database"},
       {[&] { return bytes("header", std::string("SQLite format 3\0", 16) + noise); },
        "damaged (file is not a database)"},
       {[&] { return foreign(dir_ / "notes.db", "CREATE TABLE notes (t TEXT)"); },
        "a SQLite database of something else (application_id 0)"},
-      {[&] { return foreign(dir_ / "app.db", "PRAGMA application_id = 7; CREATE TABLE t (i)"); },
-       "a SQLite database of something else (application_id 7)"},
-      {[&] { return foreign(sampleLedger("newer.db"), "PRAGMA user_version = 99"); },
-       "schema version 99 is newer than this build's (" + std::to_string(Ledger::kSchemaVersion) + ")"},
       // A file of the first version that its migration would carry only half way.
       {[&] {
          const auto path = dir_ / "renamed.db";
@@ -332,12 +329,6 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
                         "INSERT INTO named_values VALUES ('clock.offsetMs', '-9000000000000000000')");
        },
        "damaged (a date outside the years 1970 to 9999)"},
-      {[&] {
-         const auto path = sampleLedger("cut.db", 200);
-         fs::resize_file(path, fs::file_size(path) / 2);
-         return path;
-       },
-       "damaged ("},
       {[&] {
          const auto path = sampleLedger("scribbled.db", 200);
          std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
@@ -388,29 +379,6 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
   const auto missing = dir_ / "missing" / "state.db";
   EXPECT_EQ(openFailure(missing),
             "state file " + missing.string() + ": cannot create: No such file or directory");
-}
-
-// The owner runs in a child process, stopped and then killed: the file is refused while it
-// lives and free once it is gone, with its commit kept.
-TEST_F(LedgerTest, AnotherProcessIsRefusedUntilTheOwnerIsKilled) {
-  const auto path = (dir_ / "state.db").string();
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    const auto ledger = Ledger::open(path);
-    ledger->write([](LedgerWrite& changes) { changes.putValue("k", "committed"); });
-    ::raise(SIGSTOP);
-    ::_exit(0);
-  }
-  int wait = 0;
-  EXPECT_EQ(::waitpid(child, &wait, WUNTRACED), child);
-  EXPECT_TRUE(WIFSTOPPED(wait));
-  const auto refusal = openFailure(path);
-  ::kill(child, SIGKILL);
-  EXPECT_EQ(::waitpid(child, &wait, 0), child);
-  EXPECT_TRUE(WIFSIGNALED(wait) && WTERMSIG(wait) == SIGKILL);
-  EXPECT_EQ(refusal, "state file " + path + ": in use by another process");
-  EXPECT_EQ(Ledger::open(path)->value("k"), "committed");
 }
 
 TEST_F(LedgerTest, AFailedWriteLeavesNothingAndTheLedgerGoesOn) {

@@ -1,7 +1,7 @@
 // How the device checks the tokens it hands out: against the store's own device identifier,
-// and with the verification failures a session forces, whichever way they are set (for one
-// transaction, for every verification through a control, or in the configuration file),
-// from the next token handed out on.
+// and with the verification failures a session forces, for one transaction or for every
+// verification, from the next token handed out on. (Set in the configuration file:
+// store_configuration_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <map>
@@ -65,16 +65,6 @@ TEST_F(DeviceVerificationTest, FailuresForcedByControlsApplyFromTheNextTokenOn) 
   store_->setSimulatedError(StoreKitAPI::verification, std::nullopt);
   store_->setVerificationFailure(first, std::nullopt);
   EXPECT_EQ(outcomes(), (Outcomes{{first, std::nullopt}, {second, std::nullopt}}));
-}
-
-TEST_F(DeviceVerificationTest, AVerificationErrorEnabledInTheConfigurationMarksEveryToken) {
-  auto configuration = appstore::StoreConfiguration::load(kSampleFile);
-  configuration.settings.simulatedErrors.emplace_back(StoreKitAPI::verification,
-                                                      *StoreFailure::named("invalidDeviceVerification"));
-  install(LocalStore::create(std::move(configuration)));
-  const auto id = store_->buyProduct(kCoins).id;
-  EXPECT_EQ(outcomes(), (std::map<std::uint64_t, std::optional<Code>>{
-                            {id, Code::invalidDeviceVerification}}));
 }
 
 TEST_F(DeviceVerificationTest, ATokenMadeForAnotherDeviceFailsItsDeviceVerification) {

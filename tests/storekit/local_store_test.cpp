@@ -240,24 +240,13 @@ TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
   expectLists(both, both, both);
 }
 
-TEST_F(StoreTest, OfferCodesAndPromotionalOffersBoughtOutsideTheApp) {
+// (Promotional offers bought outside the app: tests/tools/store_controls_test.cpp.)
+TEST_F(StoreTest, AnOfferCodeRedeemedOutsideTheAppArrivesOnUpdates) {
   auto updates = Transaction::updates();
   const auto code = transactionOf(store_->redeemOfferCode(kPro, "Spring Code"));
   EXPECT_EQ(next(updates).id(), code.id());
   EXPECT_EQ(code.offerType(), Transaction::OfferType::code());
   EXPECT_EQ(code.price(), dec("0.99"));
-  store_->clearTransactions();
-
-  appstore::PurchaseRequest promo;
-  promo.productID = kPro;
-  promo.promotionalOffer = {"trailclub.comeback.sixmonths", "KEY1", platform::UUID::random(),
-                            "c2lnbmF0dXJl", 1};
-  const auto outside = transactionOf(store_->buyProduct(promo));
-  EXPECT_EQ(next(updates).id(), outside.id());
-  EXPECT_EQ(outside.offer()->type, Transaction::OfferType::promotional());
-  EXPECT_EQ(outside.price(), dec("19.99"));
-  expectLists({outside.id()}, {outside.id()}, {outside.id()});
-
 }
 
 TEST_F(StoreTest, RefusedPurchaseOptionsNameTheirFaultAndLeaveNoTrace) {
@@ -340,7 +329,8 @@ TEST_F(StoreTest, TamperedTokensFailVerification) {
   EXPECT_EQ(unreadable->unsafePayloadValue().id(), second);
 }
 
-TEST_F(StoreTest, StorefrontLocaleAndPurchaseResultControls) {
+// (An unavailable storefront and a next purchase result used once: tests/integration.)
+TEST_F(StoreTest, StorefrontAndLocaleControlsShowInProductsAndPurchasesUntilReset) {
   store_->setStorefront("DEU");
   store_->setLocale("de_DE");
   const auto coins = Product::products({kCoins}).at(0);
@@ -349,13 +339,6 @@ TEST_F(StoreTest, StorefrontLocaleAndPurchaseResultControls) {
   buy(kCoins);
   const auto t = transactionOf(store_->allTransactions().back()).value();
   EXPECT_EQ(t.storefront(), (Storefront{"DEU", "143443", "EUR"}));
-  store_->setStorefrontAvailable(false);
-  EXPECT_FALSE(Storefront::current());
-
-  // A next result is used once.
-  store_->setNextPurchaseResult(LocalStore::NextPurchaseResult::userCancelled);
-  EXPECT_TRUE(std::holds_alternative<PurchaseResult::UserCancelled>(coins.purchase().value));
-  EXPECT_TRUE(std::holds_alternative<PurchaseResult::Success>(coins.purchase().value));
 
   store_->resetToDefaultState();
   EXPECT_EQ(store_->storefront(), "USA");

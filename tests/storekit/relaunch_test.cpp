@@ -10,7 +10,6 @@
 #include <future>
 #include <thread>
 
-#include "appstore/ledger.h"
 #include "appstore/local_store.h"
 #include "appstore/subscription_rules.h"
 #include "platform/task.h"
@@ -138,19 +137,6 @@ TEST_F(Relaunch, RenewalsThatCameDueWhileNothingRanArriveAtTheNextLaunch) {
   ASSERT_GE(history.size(), 2u);
   EXPECT_EQ(history[1].originalTransactionIdentifier, first);
   EXPECT_EQ(history[1].purchaseDate, history[0].expirationDate);
-}
-
-TEST_F(Relaunch, ASecondStoreOnTheSameFileIsRefusedNamingIt) {
-  auto store = launch();
-  try {
-    (void)LocalStore::open(path_);
-    ADD_FAILURE() << "a second store opened the same file";
-  } catch (const appstore::LedgerError& error) {
-    EXPECT_NE(std::string(error.what()).find(path_), std::string::npos) << error.what();
-  }
-  store.reset();
-  quit();
-  EXPECT_NO_THROW((void)LocalStore::open(path_));
 }
 
 }  // namespace
