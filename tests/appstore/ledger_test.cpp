@@ -337,6 +337,27 @@ TEST_F(LedgerTest, RefusesFilesItCannotOwnAndLeavesThemAsTheyWere) {
          return path;
        },
        "damaged ("},
+      // A page of the outbox, which opening does not read: its checks find it.
+      {[&] {
+         const auto path = sampleLedger("outbox.db");
+         Ledger::open(path.string())->write([](LedgerWrite& changes) {
+           for (int i = 0; i < 50; ++i) {
+             LedgerNotification made;
+             made.uuid = "n" + std::to_string(i);
+             made.type = "TEST";
+             made.signedPayload.assign(2000, 'x');
+             changes.putNotification(made);
+           }
+         });
+         const auto root = SQLite::Database(path.string(), SQLite::OPEN_READONLY)
+                               .execAndGet("SELECT rootpage FROM sqlite_schema WHERE name = 'notifications'")
+                               .getInt64();
+         std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+         file.seekp(static_cast<std::streamoff>((root - 1) * 4096));
+         file << std::string(16, 'U');  // its page header
+         return path;
+       },
+       "damaged ("},
   };
   for (const auto& [make, cause] : cases) {
     const auto path = make();
