@@ -125,8 +125,10 @@ std::optional<PathIds> match(std::string_view pattern, std::string_view path) {
 }  // namespace
 
 ApiAnswer answerRequest(LocalStore& store, const ApiRequest& request) {
-  // A HEAD is a GET whose body the HTTP server leaves out.
-  const std::string_view method = request.method == "HEAD" ? "GET" : request.method;
+  // A HEAD is a GET whose body the HTTP server leaves out. Both sides are views: a std::string
+  // on either side would make the view point into a temporary.
+  const std::string_view method =
+      request.method == "HEAD" ? std::string_view("GET") : std::string_view(request.method);
   std::vector<std::string_view> taken;  // the methods of the routes the path fits
   for (const auto& route : kRoutes) {
     auto ids = match(route.pattern, request.path);
