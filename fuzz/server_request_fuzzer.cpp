@@ -102,18 +102,6 @@ struct World {
   }
 };
 
-std::vector<std::string_view> linesOf(std::string_view text) {
-  std::vector<std::string_view> lines;
-  for (std::size_t start = 0; start <= text.size();) {
-    const auto end = text.find('\n', start);
-    lines.push_back(
-        text.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start));
-    if (end == std::string_view::npos) break;
-    start = end + 1;
-  }
-  return lines;
-}
-
 std::string known(const World& world, std::string_view text) {
   if (text.size() < 2 || text.front() != '$') return std::string(text);
   std::size_t index = 0;
@@ -249,7 +237,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Nothing the fuzzer writes is signed with a key it never saw.
   FUZZ_REQUIRE(check != server::TokenCheck::accepted, "a token not signed with the key got in");
 
-  const auto lines = linesOf(rest);
+  const auto lines = split(rest, '\n');
   std::size_t line = 0;
   bool changed = false;
   for (std::size_t made = 0; made < kMaxRequests && line + 2 < lines.size(); ++made) {
