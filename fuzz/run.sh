@@ -18,7 +18,11 @@ for target in "${targets[@]}"; do
   mkdir -p "$build/corpus/$target" "$build/artifacts"
   options=(-max_total_time="$seconds" -timeout=30 -rss_limit_mb=4096 -print_final_stats=1
            -artifact_prefix="$build/artifacts/$target-")
-  [ "$target" != jws ] && [ "$target" != state_file ] && [ "$target" != server_request ] && options+=(-dict=fuzz/json.dict)
+  if [ -f "fuzz/$target.dict" ]; then
+    options+=(-dict="fuzz/$target.dict")
+  elif [ "$target" != jws ] && [ "$target" != state_file ]; then
+    options+=(-dict=fuzz/json.dict)
+  fi
   echo "== fuzz_$target for $seconds s"
   if ! "$build/fuzz_$target" "${options[@]}" "$build/corpus/$target" "fuzz/corpus/$target" \
        > "$build/$target.log" 2>&1; then

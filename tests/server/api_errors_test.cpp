@@ -167,6 +167,9 @@ TEST_F(ApiErrorsTest, EachBadRequestEarnsItsCode) {
       {"POST", extend + "mass", mass + terms + R"(,"storefrontCountryCodes":"USA"})", 4000028},
       {"GET", extend + "mass/com.vorntesk.sample.basic.monthly/unknown-request", "", 4040009},
       {"GET", extend + "mass/" + std::string(129, 'p') + "/" + std::string(129, 'r'), "", 4000011},
+      // The path is decoded once: an escaped percent sign stays in the id.
+      {"GET", "/inApps/v1/transactions/%2531", "", 4000006},
+      {"GET", "/inApps/v1/transactions/%31x?", "", 4000006},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(std::string(row.method) + " " + row.path + " " + row.body);
@@ -181,6 +184,46 @@ TEST_F(ApiErrorsTest, EachBadRequestEarnsItsCode) {
     EXPECT_EQ(answer.at("errorCode"), row.code);
     EXPECT_FALSE(answer.at("errorMessage").as_string().empty());
   }
+}
+
+// A path no endpoint has is not found and a known path asked with a method it does not take
+// is refused; neither has a body, the refusal names the methods in Allow.
+TEST_F(ApiErrorsTest, UnknownPathsAndMethodsHaveNoBody) {
+  const struct {
+    const char* method;
+    std::string path;
+    int status;
+    const char* allow;
+  } cases[] = {
+      {"GET", "/", 404, ""},
+      {"GET", "/inApps/v1/transaction/" + coins_, 404, ""},
+      {"GET", "/inapps/v1/transactions/" + coins_, 404, ""},
+      {"GET", "/inApps/v1/transactions/" + coins_ + "/", 404, ""},
+      {"GET", "/inApps/v1/transactions/1%2F2", 404, ""},
+      {"POST", "/inApps/v1/notifications/tests", 404, ""},
+      {"DELETE", "/inApps/v9/history/" + coins_, 404, ""},
+      {"POST", "/inApps/v1/transactions/" + coins_, 405, "GET, HEAD"},
+      {"GET", "/inApps/v1/transactions/" + coins_ + "/finish", 405, "POST"},
+      {"HEAD", "/inApps/v1/notifications/history", 405, "POST"},
+      {"POST", "/inApps/v1/transactions/" + coins_ + "/appAccountToken", 405, "PUT"},
+      {"PATCH", "/inApps/v1/transactions/consumption/" + coins_, 405, "PUT"},
+      {"DELETE", "/inApps/v1/subscriptions/extend/" + basic_, 405, "PUT"},
+      {"OPTIONS", "/inApps/v2/refund/lookup/" + coins_, 405, "GET, HEAD"},
+      {"PUT", "/inApps/v1/subscriptions/extend/mass/a/b", 405, "GET, HEAD"},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(std::string(row.method) + " " + row.path);
+    const auto reply = call(row.method, row.path, row.method == std::string("GET") ? "" : "{}");
+    EXPECT_EQ(reply.status, row.status);
+    EXPECT_EQ(reply.body, "");
+    EXPECT_EQ(reply.contentType, "");
+    EXPECT_EQ(reply.allow, row.allow);
+  }
+  // The door comes first: without a token even a path no endpoint has is unauthenticated.
+  httplib::Client client(server_->url());
+  const auto anonymous = client.Get("/no/such/path");
+  ASSERT_TRUE(anonymous);
+  EXPECT_EQ(anonymous->status, 401);
 }
 
 // The messages Apple's own fixtures show, byte for byte.

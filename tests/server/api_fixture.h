@@ -26,6 +26,7 @@ struct Reply {
   int status = 0;
   std::string body;
   std::string contentType;
+  std::string allow;
 };
 
 // The payload of a compact JWS, parsed (null when it cannot be read).
@@ -48,14 +49,20 @@ class ApiFixture : public ::testing::Test {
     client.set_connection_timeout(5);
     client.set_read_timeout(10);
     httplib::Headers headers{{"Authorization", bearer()}};
-    auto result = method == "GET"   ? client.Get(path, headers)
-                  : method == "PUT" ? client.Put(path, headers, body, contentType.c_str())
-                                    : client.Post(path, headers, body, contentType.c_str());
+    const auto* type = contentType.c_str();
+    auto result = method == "GET"      ? client.Get(path, headers)
+                  : method == "HEAD"   ? client.Head(path, headers)
+                  : method == "PUT"    ? client.Put(path, headers, body, type)
+                  : method == "PATCH"  ? client.Patch(path, headers, body, type)
+                  : method == "DELETE" ? client.Delete(path, headers, body, type)
+                  : method == "OPTIONS" ? client.Options(path, headers)
+                                        : client.Post(path, headers, body, type);
     if (!result) {
       ADD_FAILURE() << method << " " << path << ": no answer";
       return {};
     }
-    return {result->status, result->body, result->get_header_value("Content-Type")};
+    return {result->status, result->body, result->get_header_value("Content-Type"),
+            result->get_header_value("Allow")};
   }
   Reply get(const std::string& path) { return call("GET", path); }
 

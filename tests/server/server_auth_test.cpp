@@ -139,6 +139,13 @@ TEST_F(ServerTest, TransactionInfoAnswersWithTheSignedFormOrApplesErrors) {
   EXPECT_EQ(found->get_header_value("Content-Type"), "application/json");
   EXPECT_EQ(std::string(json::parse(found->body).at("signedTransactionInfo").as_string()),
             *store_->signedForm(purchased_));
+  // The id may come percent-encoded, and an empty query changes nothing.
+  std::string encoded;
+  for (const char digit : std::to_string(purchased_)) encoded += "%3" + std::string(1, digit);
+  const auto escaped = get("/inApps/v1/transactions/" + encoded + "?", authorization);
+  ASSERT_TRUE(escaped);
+  EXPECT_EQ(escaped->status, 200);
+  EXPECT_EQ(escaped->body, found->body);
 
   const struct {
     std::string id;

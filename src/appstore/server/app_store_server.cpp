@@ -1,20 +1,19 @@
 #include "appstore/server/app_store_server.h"
 
 #include <chrono>
-#include <regex>
 #include <stdexcept>
 #include <thread>
 
 #include <httplib.h>
 
-#include <boost/json/serialize.hpp>
-
+#include "appstore/server/api_routes.h"
 #include "appstore/server/bearer_token.h"
 #include "appstore/server/manager_routes.h"
-#include "appstore/server/notification_api.h"
-#include "appstore/server/server_api.h"
 
 namespace appstore::server {
+
+// httplib matches this against the percent-decoded path without its query.
+constexpr const char* kAnyPath = ".*";
 
 class AppStoreServer::Impl {
  public:
@@ -43,72 +42,18 @@ class AppStoreServer::Impl {
       }
       return httplib::Server::HandlerResponse::Unhandled;
     });
-    http_.Get(R"(/inApps/v1/transactions/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                writeAnswer(response, transactionInfo(*store_, request.matches[1].str()));
-              });
-    http_.Get(R"(/inApps/v1/subscriptions/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                std::vector<std::string> statuses;
-                const auto [first, last] = request.params.equal_range("status");
-                for (auto it = first; it != last; ++it) statuses.push_back(it->second);
-                writeAnswer(response, allSubscriptionStatuses(*store_, request.matches[1].str(), statuses));
-              });
-    http_.Post("/inApps/v1/notifications/test",
-               [this](const httplib::Request&, httplib::Response& response) {
-                 writeAnswer(response, requestTestNotification(*store_));
-               });
-    http_.Get(R"(/inApps/v1/notifications/test/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                writeAnswer(response, testNotificationStatus(*store_, request.matches[1].str()));
-              });
-    http_.Post("/inApps/v1/notifications/history",
-               [this](const httplib::Request& request, httplib::Response& response) {
-                 writeAnswer(response, notificationHistory(*store_, request.body,
-                                                           request.get_param_value("paginationToken")));
-               });
-    http_.Post(R"(/inApps/v1/transactions/([^/]+)/finish)",
-               [this](const httplib::Request& request, httplib::Response& response) {
-                 writeAnswer(response, finishTransaction(*store_, request.matches[1].str()));
-               });
-    http_.Get(R"(/inApps/v1/transactions/appTransactions/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                writeAnswer(response, appTransactionInfo(*store_, request.matches[1].str()));
-              });
-    http_.Put(R"(/inApps/v1/transactions/([^/]+)/appAccountToken)",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                writeAnswer(response, setAppAccountToken(*store_, request.matches[1].str(), request.body));
-              });
-    http_.Get(R"(/inApps/(v1|v2)/history/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                const auto version = request.matches[1].str() == "v1" ? HistoryVersion::v1 : HistoryVersion::v2;
-                writeAnswer(response, transactionHistory(*store_, version, request.matches[2].str(),
-                                                         request.params));
-              });
-    http_.Put(R"(/inApps/(v1|v2)/transactions/consumption/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                const auto version =
-                    request.matches[1].str() == "v1" ? ConsumptionVersion::v1 : ConsumptionVersion::v2;
-                writeAnswer(response, sendConsumptionInformation(*store_, version, request.matches[2].str(),
-                                                                 request.body));
-              });
-    http_.Put(R"(/inApps/v1/subscriptions/extend/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                writeAnswer(response, extendRenewalDate(*store_, request.matches[1].str(), request.body));
-              });
-    http_.Post(R"(/inApps/v1/subscriptions/extend/mass)",
-               [this](const httplib::Request& request, httplib::Response& response) {
-                 writeAnswer(response, extendRenewalDatesForAllSubscribers(*store_, request.body));
-               });
-    http_.Get(R"(/inApps/v1/subscriptions/extend/mass/([^/]+)/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                writeAnswer(response, massExtensionStatus(*store_, request.matches[1].str(),
-                                                          request.matches[2].str()));
-              });
-    http_.Get(R"(/inApps/v2/refund/lookup/([^/]+))",
-              [this](const httplib::Request& request, httplib::Response& response) {
-                writeAnswer(response, refundHistory(*store_, request.matches[1].str(), request.params));
-              });
+    // The endpoints route themselves (api_routes.cpp): every method httplib hands to a
+    // handler goes to the same one, so that a known path asked with another method is told so.
+    const auto answer = [this](const httplib::Request& request, httplib::Response& response) {
+      writeAnswer(response, answerRequest(*store_, {request.method, request.path, request.params,
+                                                    request.body}));
+    };
+    http_.Get(kAnyPath, answer);
+    http_.Post(kAnyPath, answer);
+    http_.Put(kAnyPath, answer);
+    http_.Patch(kAnyPath, answer);
+    http_.Delete(kAnyPath, answer);
+    http_.Options(kAnyPath, answer);
   }
 
   void listen() {
@@ -134,6 +79,7 @@ class AppStoreServer::Impl {
  private:
   static void writeAnswer(httplib::Response& response, const ApiAnswer& answer) {
     response.status = answer.status;
+    if (!answer.allow.empty()) response.set_header("Allow", answer.allow);
     if (!answer.body.empty()) response.set_content(answer.body, "application/json");
   }
 

@@ -1,7 +1,7 @@
 // The App Store Server API's endpoints as functions of the store: each takes what the request
 // carries (path parts, query, body) and gives the status and JSON body Apple's server answers
-// with. No HTTP here (see app_store_server.cpp); any thread (the store serialises its own
-// state). The endpoints live in files by family: transactions (server_api.cpp), history
+// with. No HTTP here (api_routes.cpp picks the endpoint, app_store_server.cpp speaks HTTP);
+// any thread (the store serialises its own state). The endpoints live in files by family: transactions (server_api.cpp), history
 // (api_history.cpp), consumption (api_consumption.cpp), renewal-date extensions
 // (api_extensions.cpp).
 #pragma once
@@ -77,6 +77,7 @@ enum class ApiError : long {
 struct ApiAnswer {
   int status = 200;
   std::string body;  // JSON; empty for none
+  std::string allow;  // 405 only: the methods the path takes, for the Allow header
 
   static ApiAnswer error(ApiError code);
 };
