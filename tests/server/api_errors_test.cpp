@@ -195,7 +195,7 @@ TEST_F(ApiErrorsTest, UnknownPathsAndMethodsHaveNoBody) {
     int status;
     const char* allow;
   } cases[] = {
-      {"GET", "/", 404, ""},
+      {"GET", "/inApps", 404, ""},
       {"GET", "/inApps/v1/transaction/" + coins_, 404, ""},
       {"GET", "/inapps/v1/transactions/" + coins_, 404, ""},
       {"GET", "/inApps/v1/transactions/" + coins_ + "/", 404, ""},
