@@ -15,6 +15,7 @@
 #include "appstore/ledger_file.h"
 #include "appstore/ledger_history.h"
 #include "appstore/ledger_outbox.h"
+#include "appstore/ledger_sql.h"
 #include "appstore/ledger_requests.h"
 #include "appstore/wal_checkpointer.h"
 
@@ -28,6 +29,7 @@
 
 namespace appstore {
 using namespace ledger_file;
+using namespace ledger_sql;
 using ledger_history::kTypedColumns;
 using ledger_history::typedTransaction;
 namespace {
@@ -38,30 +40,12 @@ constexpr const char* kGroupColumns =
     "grace_period_expires, price_increase_status, renewal_price, signed_renewal_info, extensions, "
     "recent_start";
 
-// Ids are App Store transaction numbers, far below 2^63; they are stored as SQLite integers.
-void bindId(SQLite::Statement& statement, int index, std::uint64_t id) {
-  statement.bind(index, static_cast<std::int64_t>(id));
-}
-
-void bindDate(SQLite::Statement& statement, int index, std::optional<platform::Date> date) {
-  if (date) {
-    statement.bind(index, platform::millisecondsSince1970(*date));
-  } else {
-    statement.bind(index);
-  }
-}
-
 void bindOptional(SQLite::Statement& statement, int index, std::optional<int> value) {
   if (value) {
     statement.bind(index, *value);
   } else {
     statement.bind(index);
   }
-}
-
-std::optional<platform::Date> optionalDate(const SQLite::Column& column) {
-  if (column.isNull()) return std::nullopt;
-  return platform::dateFromMillisecondsSince1970(column.getInt64());
 }
 
 // The statements of every query and change, prepared once: a purchase runs a handful of them
@@ -123,14 +107,6 @@ struct Statements {
   SQLite::Statement groups;
   SQLite::Statement value;
 };
-
-// A statement that failed is left unreset (its reset would throw the failure again), and a
-// query read to its first row holds a read snapshot until reset: each use starts afresh and
-// every query is reset once read.
-SQLite::Statement& fresh(SQLite::Statement& statement) {
-  statement.tryReset();
-  return statement;
-}
 
 class SQLiteLedger final : public Ledger {
  public:

@@ -1,23 +1,12 @@
 #include "appstore/ledger_history.h"
+#include "appstore/ledger_sql.h"
 
 #include <boost/json/array.hpp>
 #include <boost/json/serialize.hpp>
 
 namespace appstore::ledger_history {
+using namespace ledger_sql;
 namespace {
-
-std::int64_t milliseconds(platform::Date date) { return platform::millisecondsSince1970(date); }
-
-std::optional<platform::Date> optionalDate(const SQLite::Column& column) {
-  if (column.isNull()) return std::nullopt;
-  return platform::dateFromMillisecondsSince1970(column.getInt64());
-}
-
-SQLite::Statement& fresh(SQLite::Statement& statement) {
-  statement.tryReset();
-  statement.clearBindings();
-  return statement;
-}
 
 // A list filter travels as one JSON array, so that one prepared statement serves every list
 // length; an empty list is no filter (left unbound: NULL).

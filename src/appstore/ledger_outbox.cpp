@@ -1,21 +1,16 @@
 #include "appstore/ledger_outbox.h"
+#include "appstore/ledger_sql.h"
 
 #include <SQLiteCpp/Statement.h>
 
 namespace appstore::ledger_outbox {
+using namespace ledger_sql;
 namespace {
 
 constexpr const char* kColumns =
     "sequence, uuid, notification_type, subtype, original_transaction_id, created, "
     "next_attempt, test_token, signed_payload";
 
-std::int64_t milliseconds(platform::Date date) { return platform::millisecondsSince1970(date); }
-
-SQLite::Statement& fresh(SQLite::Statement& statement) {
-  statement.tryReset();
-  statement.clearBindings();
-  return statement;
-}
 
 }  // namespace
 

@@ -1,20 +1,10 @@
 #include "appstore/ledger_requests.h"
+#include "appstore/ledger_sql.h"
 
 #include <SQLiteCpp/Statement.h>
 
 namespace appstore::ledger_requests {
-namespace {
-
-std::int64_t milliseconds(platform::Date date) { return platform::millisecondsSince1970(date); }
-
-SQLite::Statement& fresh(SQLite::Statement& statement) {
-  statement.tryReset();
-  statement.clearBindings();
-  return statement;
-}
-
-}  // namespace
-
+using namespace ledger_sql;
 struct Requests::Statements {
   explicit Statements(SQLite::Database& database)
       // Information sent without a consumption request of the App Store's keeps the request's
