@@ -39,6 +39,16 @@ std::string readFile(const fs::path& path) {
 
 int run(const std::string& command) { return std::system(command.c_str()); }
 
+// The certificate of a PEM file, as DER: the base64 between its armour lines.
+std::string derOfPEM(const std::string& pem) {
+  std::istringstream lines(pem);
+  std::string base64;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("-----")) base64 += line;
+  }
+  return platform::base64Decode(base64).value_or("");
+}
+
 // The library, installed once per build tree, and verify.cjs beside it.
 class AppStoreServerLibrary : public ::testing::Test {
  protected:
@@ -88,6 +98,22 @@ class AppStoreServerLibrary : public ::testing::Test {
     return failed ? json::value() : parsed;
   }
 
+  // What the server scripts are given: the driver's server (its "server" and
+  // "rootCertificate" answers), the key the driver was started with in `temp`, and `more`.
+  static json::object clientInput(const std::string& serverAnswer, const std::string& rootAnswer,
+                                  const fs::path& temp, json::object more) {
+    json::object input{
+        {"url", json::parse(serverAnswer).at("url")},
+        {"keyFile", (temp / "key.p8").string()},
+        {"keyId", "LOCALKEY01"},
+        {"issuerId", "57246542-96fe-1a63-e053-0824d011072a"},
+        {"bundleId", "com.vorntesk.example"},
+        {"trustedRoot",
+         platform::base64Encode(derOfPEM(std::string(json::parse(rootAnswer).at("pem").as_string())))}};
+    for (auto& [key, value] : more) input[key] = std::move(value);
+    return input;
+  }
+
   void TearDown() override {
     if (lock_ >= 0) ::close(lock_);
   }
@@ -95,16 +121,6 @@ class AppStoreServerLibrary : public ::testing::Test {
   const fs::path dir_ = fs::path(VORNTESK_BINARY_DIR) / "interop";
   int lock_ = -1;
 };
-
-// The certificate of a PEM file, as DER: the base64 between its armour lines.
-std::string derOfPEM(const std::string& pem) {
-  std::istringstream lines(pem);
-  std::string base64;
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.starts_with("-----")) base64 += line;
-  }
-  return platform::base64Decode(base64).value_or("");
-}
 
 std::string purchaseLine(const char* productID) {
   return std::string(R"({"id":0,"call":"Purchase","payload":{"productId":")") + productID +
@@ -288,16 +304,12 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientCallsEveryEndpointAndAgreesWithTheStor
   const json::array asked{"1", "2", "3", "4", "5", "6", "99", "x1"};
   const auto printed = node(
       "server_client.cjs",
-      {{"url", json::parse(*url).at("url")},
-       {"keyFile", (temp / "key.p8").string()},
-       {"keyId", "LOCALKEY01"},
-       {"issuerId", "57246542-96fe-1a63-e053-0824d011072a"},
-       {"bundleId", "com.vorntesk.example"},
-       {"trustedRoot", platform::base64Encode(derOfPEM(std::string(json::parse(*root).at("pem").as_string())))},
-       {"transactionIds", asked},  // the first finished through the server
-       {"endpoints",
-        {{"anyId", "4"}, {"subscriptionId", "4"}, {"consumableId", "2"}, {"token", token},
-         {"massRequestIdentifier", massID}, {"massProductId", "com.vorntesk.sample.basic.monthly"}}}},
+      clientInput(*url, *root, temp,
+                  {{"transactionIds", asked},  // the first finished through the server
+                   {"endpoints",
+                    {{"anyId", "4"}, {"subscriptionId", "4"}, {"consumableId", "2"}, {"token", token},
+                     {"massRequestIdentifier", massID},
+                     {"massProductId", "com.vorntesk.sample.basic.monthly"}}}}),
       "server-endpoints");
   const auto held = driver.ask(R"({"id":"a","store":"allTransactions"})");
   const auto consumption = driver.ask(R"({"id":"c","store":"consumptionInformation","identifier":2})");
@@ -459,14 +471,7 @@ TEST_F(AppStoreServerLibrary, ItsVerifierAcceptsEveryNotificationAndItsClientRea
                        *platform::parseRFC3339(json::parse(*now).at("now").as_string())) + 60'000;
   const auto printed = node(
       "notifications.cjs",
-      {{"url", json::parse(*url).at("url")},
-       {"keyFile", (temp / "key.p8").string()},
-       {"keyId", "LOCALKEY01"},
-       {"issuerId", "57246542-96fe-1a63-e053-0824d011072a"},
-       {"bundleId", "com.vorntesk.example"},
-       {"trustedRoot", platform::base64Encode(derOfPEM(std::string(json::parse(*root).at("pem").as_string())))},
-       {"startDate", end - 29LL * 24 * 3600 * 1000},
-       {"endDate", end}},
+      clientInput(*url, *root, temp, {{"startDate", end - 29LL * 24 * 3600 * 1000}, {"endDate", end}}),
       "notifications");
   fs::remove_all(temp);
   ASSERT_TRUE(printed.is_object() && printed.as_object().contains("history")) << json::serialize(printed);
