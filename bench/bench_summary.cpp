@@ -33,6 +33,7 @@ constexpr Bar kBars[] = {
     {"p6_durable_purchase_ratio", Bar::atLeast, 0.8},
     {"p7_relaunch_ratio", Bar::atMost, 3},
     {"p7_relaunch_rss_mb", Bar::atMost, 100},
+    {"p9_history_page_ratio", Bar::atLeast, 0.5}, {"p9_history_pages_per_s", Bar::none, 0},
     {"p10_notification_ratio", Bar::atLeast, 0.7}, {"p10_notifications_per_s", Bar::none, 0},
 };
 

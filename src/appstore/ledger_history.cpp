@@ -20,7 +20,7 @@ void bindList(SQLite::Statement& statement, int index, const std::vector<std::st
 // Purchased entries only: a request waiting for approval, declined or interrupted was never
 // bought.
 constexpr const char* kHistoryFilter =
-    " FROM transactions AS t JOIN transaction_texts AS x ON x.id = t.id WHERE t.state = 0"
+    " FROM transactions AS t WHERE t.state = 0"
     " AND (?1 IS NULL OR t.purchase_date >= ?1)"
     " AND (?2 IS NULL OR t.purchase_date < ?2)"
     " AND (?3 IS NULL OR t.product_id IN (SELECT value FROM json_each(?3)))"
@@ -55,43 +55,48 @@ LedgerTransaction typedTransaction(const SQLite::Statement& row) {
   return transaction;
 }
 
+// The pages are chosen from the typed rows alone and their signed forms (kilobytes each) read
+// afterwards by id: joined into the query, every candidate's signed form went through the
+// sort before the limit dropped all but a page of them.
 struct History::Statements {
   explicit Statements(SQLite::Database& database)
-      : oldestFirst(database, std::string("SELECT ") + kTypedColumns + ", x.signed_form" +
-                                  kHistoryFilter +
+      : oldestFirst(database, std::string("SELECT ") + kTypedColumns + kHistoryFilter +
                                   " AND (?9 IS NULL OR t.revision > ?9) ORDER BY t.revision LIMIT ?10"),
-        newestFirst(database, std::string("SELECT ") + kTypedColumns + ", x.signed_form" +
-                                  kHistoryFilter +
+        newestFirst(database, std::string("SELECT ") + kTypedColumns + kHistoryFilter +
                                   " AND (?9 IS NULL OR t.revision < ?9) "
                                   "ORDER BY t.revision DESC LIMIT ?10"),
         refunds(database, std::string("SELECT ") + kTypedColumns +
-                              ", x.signed_form FROM transactions AS t JOIN transaction_texts AS x "
-                              "ON x.id = t.id WHERE t.state = 0 AND t.family_shared = 0 "
+                              " FROM transactions AS t WHERE t.state = 0 AND t.family_shared = 0 "
                               "AND t.revocation_date IS NOT NULL AND (?1 IS NULL OR "
                               "t.revocation_date > ?1 OR (t.revocation_date = ?1 AND t.id > ?2)) "
-                              "ORDER BY t.revocation_date, t.id LIMIT ?3") {}
+                              "ORDER BY t.revocation_date, t.id LIMIT ?3"),
+        signedForm(database, "SELECT signed_form FROM transaction_texts WHERE id = ?1") {}
 
-  SQLite::Statement oldestFirst, newestFirst, refunds;
+  SQLite::Statement oldestFirst, newestFirst, refunds, signedForm;
 };
 
 History::History(SQLite::Database& database)
     : statements_(std::make_unique<Statements>(database)) {}
 History::~History() = default;
 
-namespace {
-
-std::vector<LedgerTransaction> rowsWithSignedForms(SQLite::Statement& query) {
+std::vector<LedgerTransaction> History::rowsWithSignedForms(SQLite::Statement& query) {
+  std::vector<LedgerTransaction> rows;
+  while (query.executeStep()) rows.push_back(typedTransaction(query));
+  query.reset();
+  // Written in the same commit as its typed row, a signed form is never missing; a row without
+  // one is left out rather than handed out empty.
   std::vector<LedgerTransaction> found;
-  while (query.executeStep()) {
-    auto row = typedTransaction(query);
-    row.signedForm = query.getColumn(13).getString();
+  found.reserve(rows.size());
+  for (auto& row : rows) {
+    auto& signedForm = fresh(statements_->signedForm);
+    signedForm.bind(1, static_cast<std::int64_t>(row.id));
+    if (!signedForm.executeStep()) continue;
+    row.signedForm = signedForm.getColumn(0).getString();
     found.push_back(std::move(row));
   }
-  query.reset();
+  statements_->signedForm.reset();
   return found;
 }
-
-}  // namespace
 
 std::vector<LedgerTransaction> History::page(const HistoryQuery& query) {
   auto& statement = fresh(query.newestFirst ? statements_->newestFirst : statements_->oldestFirst);

@@ -29,6 +29,9 @@ class History {
   std::vector<LedgerTransaction> refunds(std::optional<RefundPosition> after, std::size_t limit);
 
  private:
+  // The rows `query` steps through, each with its signed form.
+  std::vector<LedgerTransaction> rowsWithSignedForms(SQLite::Statement& query);
+
   struct Statements;
   std::unique_ptr<Statements> statements_;
 };

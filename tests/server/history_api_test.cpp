@@ -188,5 +188,30 @@ TEST_F(HistoryApiTest, RefundsOfTheAccountByRevocationDateTwentyAPage) {
   EXPECT_EQ(payloadOf(latest[0].as_string()).at("transactionId"), json::value(std::to_string(coins[0])));
 }
 
+TEST_F(HistoryApiTest, APageHandsOutEachSignedFormAsItIsWhateverItHolds) {
+  // Characters JSON must escape, at each place within and after the words of eight bytes the
+  // page checks at a time, beside ones it must not.
+  const std::vector<std::string> forms = {
+      "\"bcdefgh.ijklmnop.qrs",   "abcdefg\\.ijklmnop.qrs", "abcdefgh.\x01jklmnop.qrs",
+      "abcdefgh.ijklmno\x1f.qrs", "abcdefgh.ijklmnop.qr\"", "a b\x7f\u00e9.-_.~+/=",
+      "abcdefgh.ijklmnop.qrstuvwx", "\\",                   "",
+  };
+  std::vector<std::uint64_t> ids;
+  for (const auto& form : forms) {
+    ids.push_back(buy(kCoins));
+    store_->replaceSignedTransaction(ids.back(), form);
+  }
+  const auto reply = get("/inApps/v2/history/" + std::to_string(ids[0]));
+  ASSERT_EQ(reply.status, 200);
+  json::error_code ec;
+  const auto answer = json::parse(reply.body, ec);
+  ASSERT_FALSE(ec) << reply.body;
+  std::vector<std::string> handedOut;
+  for (const auto& form : answer.at("signedTransactions").as_array()) {
+    handedOut.emplace_back(form.as_string());
+  }
+  EXPECT_EQ(handedOut, forms);
+}
+
 }  // namespace
 }  // namespace appstore::server::testing

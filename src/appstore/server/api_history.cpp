@@ -4,6 +4,9 @@
 // page continues after it in either sort, and a transaction changed in between is handed out
 // again in ascending order; a refund history token is "<revocation date>_<transaction id>" of
 // the last refund handed out.
+#include <cstdint>
+#include <cstring>
+
 #include <boost/json/serialize.hpp>
 
 #include "appstore/server/api_support.h"
@@ -121,10 +124,55 @@ std::string refundToken(const std::optional<RefundPosition>& position) {
          std::to_string(position->id);
 }
 
-json::array signedTransactions(const std::vector<SignedTransaction>& transactions) {
-  json::array signedForms;
-  for (const auto& transaction : transactions) signedForms.emplace_back(transaction.jws);
-  return signedForms;
+// Whether `text` can go between JSON quotes as it is: no quote, backslash or control
+// character. Always so for a compact JWS (base64url segments joined by dots), which is some
+// 4 KB, so eight bytes are checked at a time: a byte of a word is zero exactly when
+// (word - 0x01…01) & ~word & 0x80…80 is not, and below 0x20 when (word - 0x20…20) & ~word &
+// 0x80…80 is not.
+bool needsNoEscaping(std::string_view text) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101, kHighs = 0x8080808080808080;
+  const auto anyZero = [](std::uint64_t word) { return (word - kOnes) & ~word & kHighs; };
+  std::uint64_t special = 0;
+  std::size_t at = 0;
+  for (; at + 8 <= text.size(); at += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + at, 8);
+    special |= anyZero(word ^ (kOnes * '"')) | anyZero(word ^ (kOnes * '\\')) |
+               ((word - kOnes * 0x20) & ~word & kHighs);
+  }
+  for (; at < text.size(); ++at) {
+    const auto c = static_cast<unsigned char>(text[at]);
+    special |= c == '"' || c == '\\' || c < 0x20;
+  }
+  return special == 0;
+}
+
+// The page's answer: `members`, then "signedTransactions", written into one string sized for
+// it. A page holds some 80 KB of signed forms, which a JSON array of them would copy once more
+// and its serializer again, into a string grown step by step.
+std::string pageAnswer(const json::object& members,
+                       const std::vector<SignedTransaction>& transactions) {
+  auto head = json::serialize(members);
+  head.pop_back();  // its closing brace
+  std::size_t size = head.size() + 32;
+  for (const auto& transaction : transactions) size += transaction.jws.size() + 3;
+  std::string answer;
+  answer.reserve(size);
+  answer += head;
+  answer += members.empty() ? "\"signedTransactions\":[" : ",\"signedTransactions\":[";
+  for (std::size_t i = 0; i < transactions.size(); ++i) {
+    if (i > 0) answer += ',';
+    const auto& jws = transactions[i].jws;
+    if (needsNoEscaping(jws)) {
+      answer += '"';
+      answer += jws;
+      answer += '"';
+    } else {
+      answer += json::serialize(json::value(jws));
+    }
+  }
+  answer += "]}";
+  return answer;
 }
 
 }  // namespace
@@ -141,12 +189,11 @@ ApiAnswer transactionHistory(LocalStore& store, HistoryVersion version,
     HistoryPage page;
     page.position = historyWanted.after.value_or(0);
     if (historyWanted.limit > 0) page = store.transactionHistory(historyWanted);
-    return ApiAnswer{200, json::serialize(json::object{
-                              {"revision", std::to_string(page.position)},
-                              {"bundleId", store.bundleID()},
-                              {"environment", store.environment()},
-                              {"hasMore", page.hasMore},
-                              {"signedTransactions", signedTransactions(page.transactions)}})};
+    return ApiAnswer{200, pageAnswer({{"revision", std::to_string(page.position)},
+                                      {"bundleId", store.bundleID()},
+                                      {"environment", store.environment()},
+                                      {"hasMore", page.hasMore}},
+                                     page.transactions)};
   });
 }
 
@@ -166,10 +213,9 @@ ApiAnswer refundHistory(LocalStore& store, const std::string& transactionID,
     }
     if (!isCustomerTransaction(store, *id)) return ApiAnswer::error(ApiError::transactionIdNotFound);
     const auto page = store.refundHistory(after, kPageSize);
-    return ApiAnswer{200, json::serialize(json::object{
-                              {"signedTransactions", signedTransactions(page.transactions)},
-                              {"revision", refundToken(page.position)},
-                              {"hasMore", page.hasMore}})};
+    return ApiAnswer{
+        200, pageAnswer({{"revision", refundToken(page.position)}, {"hasMore", page.hasMore}},
+                        page.transactions)};
   });
 }
 
