@@ -39,9 +39,15 @@ void LocalStore::State::notify(LedgerWrite& write, std::string_view type, std::s
   if (!row || row->signedForm.empty()) return;
   auto data = appData();
   data["signedTransactionInfo"] = row->signedForm;
-  if (const auto* group = groupOf(*row)) {
+  if (const auto* group = groupOf(*row); group && !row->familyShared) {
     data["signedRenewalInfo"] = group->signedRenewalInfo;
     data["status"] = static_cast<int>(group->status);
+  } else if (row->productType == "Auto-Renewable Subscription") {
+    // A family member's access: no renewal of its own to tell of, only where it stands.
+    const auto status = row->revocationDate                                   ? RenewalStatus::revoked
+                        : row->expiresDate && *row->expiresDate <= now() ? RenewalStatus::expired
+                                                                              : RenewalStatus::subscribed;
+    data["status"] = static_cast<int>(status);
   }
   notifyWith(write, type, subtype, {{"data", std::move(data)}}, row->originalID, at);
 }

@@ -168,7 +168,7 @@ TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) 
   const auto entitled = session.entitlements();
   EXPECT_EQ(std::count(entitled.begin(), entitled.end(), shared[0]), 0);
   EXPECT_EQ(session.newNotices(),
-            (Notices{{"ONE_TIME_CHARGE", "", 0}, {"SUBSCRIBED", "INITIAL_BUY", 0},
+            (Notices{{"ONE_TIME_CHARGE", "", 0}, {"SUBSCRIBED", "INITIAL_BUY", 1},
                      {"SUBSCRIBED", "INITIAL_BUY", 1}, {"REVOKE", "", 0}}));
 }
 
