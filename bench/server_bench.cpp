@@ -18,9 +18,8 @@
 
 #include "appstore/local_store.h"
 #include "appstore/server/app_store_server.h"
+#include "appstore/server/bearer_token.h"
 #include "appstore/server/notification_sender.h"
-#include "platform/base64.h"
-#include "platform/openssl.h"
 
 #include <httplib.h>
 #include <sys/resource.h>
@@ -148,13 +147,7 @@ class HistoryServers {
     const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                          std::chrono::system_clock::now().time_since_epoch())
                          .count();
-    const json::object header{{"alg", "ES256"}, {"kid", "KEY1"}, {"typ", "JWT"}};
-    const json::object payload{{"iss", "ISSUER"}, {"iat", now}, {"exp", now + 300},
-                               {"aud", "appstoreconnect-v1"}, {"bid", store_->bundleID()}};
-    const auto input = platform::base64URLEncode(json::serialize(header)) + "." +
-                       platform::base64URLEncode(json::serialize(payload));
-    return "Bearer " + input + "." +
-           platform::base64URLEncode(platform::signES256(key_.key.get(), input));
+    return appstore::server::makeBearerToken(key_, store_->bundleID(), now);
   }
 
   std::string apiURL() const { return api_->url(); }

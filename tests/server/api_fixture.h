@@ -15,8 +15,8 @@
 
 #include "appstore/local_store.h"
 #include "appstore/server/app_store_server.h"
+#include "appstore/server/bearer_token.h"
 #include "platform/base64.h"
-#include "platform/openssl.h"
 
 namespace appstore::server::testing {
 
@@ -71,13 +71,7 @@ class ApiFixture : public ::testing::Test {
     const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                          std::chrono::system_clock::now().time_since_epoch())
                          .count();
-    const json::object header{{"alg", "ES256"}, {"kid", "KEY1"}, {"typ", "JWT"}};
-    const json::object payload{{"iss", "ISSUER"}, {"iat", now}, {"exp", now + 300},
-                               {"aud", "appstoreconnect-v1"}, {"bid", store_->bundleID()}};
-    const auto input = platform::base64URLEncode(json::serialize(header)) + "." +
-                       platform::base64URLEncode(json::serialize(payload));
-    return "Bearer " + input + "." +
-           platform::base64URLEncode(platform::signES256(key_.key.get(), input));
+    return makeBearerToken(key_, store_->bundleID(), now);
   }
 
   InAppPurchaseKey key_ = InAppPurchaseKey::generate("KEY1", "ISSUER");

@@ -4,6 +4,7 @@
 #include <string>
 
 #include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
 
 #include "platform/base64.h"
 #include "platform/openssl.h"
@@ -99,6 +100,17 @@ TokenCheck checkBearerToken(std::string_view authorization, const InAppPurchaseK
     return payload->contains("bid") ? TokenCheck::unknownApp : TokenCheck::unauthorized;
   }
   return TokenCheck::accepted;
+}
+
+std::string makeBearerToken(const InAppPurchaseKey& key, std::string_view bundleID,
+                            std::int64_t nowSeconds) {
+  namespace json = boost::json;
+  const json::object header{{"alg", "ES256"}, {"kid", key.keyID}, {"typ", "JWT"}};
+  const json::object payload{{"iss", key.issuerID}, {"iat", nowSeconds}, {"exp", nowSeconds + 300},
+                             {"aud", "appstoreconnect-v1"}, {"bid", bundleID}};
+  const auto input = platform::base64URLEncode(json::serialize(header)) + "." +
+                     platform::base64URLEncode(json::serialize(payload));
+  return "Bearer " + input + "." + platform::base64URLEncode(platform::signES256(key.key.get(), input));
 }
 
 }  // namespace appstore::server

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "appstore/server/in_app_purchase_key.h"
@@ -15,6 +16,12 @@ enum class TokenCheck {
   unauthorized,  // missing, malformed, wrongly signed, expired, too long-lived, wrong kid/iss/aud
   unknownApp,    // a good token for another bundle id
 };
+
+// The Authorization header's value a client of the API sends: "Bearer " and a token signed
+// with `key` at `nowSeconds` (UNIX seconds), valid for five minutes, as Apple's libraries make
+// it. For test clients and embedding hosts' tests.
+std::string makeBearerToken(const InAppPurchaseKey& key, std::string_view bundleID,
+                            std::int64_t nowSeconds);
 
 // Checks the Authorization header's value at `nowSeconds` (UNIX seconds).
 TokenCheck checkBearerToken(std::string_view authorization, const InAppPurchaseKey& key,

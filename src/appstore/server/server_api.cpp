@@ -3,6 +3,7 @@
 #include "appstore/server/server_api.h"
 
 #include <algorithm>
+#include <variant>
 
 #include <boost/json/serialize.hpp>
 
@@ -17,16 +18,26 @@ bool isAppTransaction(LocalStore& store, std::uint64_t id) {
   return std::to_string(id) == store.appTransactionID();
 }
 
+// The in-app purchase `transactionID` names, with its signed form; or Apple's answer for an id
+// that is not a number, names the app's own purchase, or is unknown.
+std::variant<SignedTransaction, ApiError> inAppPurchase(LocalStore& store,
+                                                        const std::string& transactionID) {
+  const auto id = transactionNumber(transactionID);
+  if (!id) return ApiError::invalidTransactionId;
+  if (isAppTransaction(store, *id)) return ApiError::appTransactionIdNotSupported;
+  const auto jws = store.signedForm(*id);
+  if (!jws || jws->empty()) return ApiError::transactionIdNotFound;
+  return SignedTransaction{*id, *jws};
+}
+
 }  // namespace
 
 ApiAnswer transactionInfo(LocalStore& store, const std::string& transactionID) {
   return guarded([&] {
-    const auto id = transactionNumber(transactionID);
-    if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
-    if (isAppTransaction(store, *id)) return ApiAnswer::error(ApiError::appTransactionIdNotSupported);
-    const auto jws = store.signedForm(*id);
-    if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
-    return ApiAnswer{200, json::serialize(json::object{{"signedTransactionInfo", *jws}})};
+    const auto found = inAppPurchase(store, transactionID);
+    if (const auto* refused = std::get_if<ApiError>(&found)) return ApiAnswer::error(*refused);
+    return ApiAnswer{200, json::serialize(json::object{
+                              {"signedTransactionInfo", std::get<SignedTransaction>(found).jws}})};
   });
 }
 
@@ -61,12 +72,9 @@ ApiAnswer allSubscriptionStatuses(LocalStore& store, const std::string& transact
 
 ApiAnswer finishTransaction(LocalStore& store, const std::string& transactionID) {
   return guarded([&] {
-    const auto id = transactionNumber(transactionID);
-    if (!id) return ApiAnswer::error(ApiError::invalidTransactionId);
-    if (isAppTransaction(store, *id)) return ApiAnswer::error(ApiError::appTransactionIdNotSupported);
-    const auto jws = store.signedForm(*id);
-    if (!jws || jws->empty()) return ApiAnswer::error(ApiError::transactionIdNotFound);
-    store.finish(*id);
+    const auto found = inAppPurchase(store, transactionID);
+    if (const auto* refused = std::get_if<ApiError>(&found)) return ApiAnswer::error(*refused);
+    store.finish(std::get<SignedTransaction>(found).id);
     return ApiAnswer{200, ""};
   });
 }
