@@ -6,6 +6,7 @@
 #include "platform/system_version.h"
 #include "platform/uuid.h"
 #include "appstore/local_store.h"
+#include "appstore/order_ids.h"
 
 #include <boost/json/parse.hpp>
 #include <boost/json/value_from.hpp>
@@ -94,6 +95,9 @@ object describe(const TestTransaction& entry) {
   out["autoRenewingEnabled"] = entry.autoRenewingEnabled;
   if (entry.originalTransactionIdentifier) {
     out["originalTransactionIdentifier"] = *entry.originalTransactionIdentifier;
+  }
+  if (entry.state == TestTransaction::State::purchased && !entry.familyShared) {
+    out["orderID"] = orderIDForTransaction(entry.identifier);
   }
   if (entry.purchaseDate) out["purchaseDate"] = platform::formatRFC3339(*entry.purchaseDate);
   if (entry.expirationDate) out["expirationDate"] = platform::formatRFC3339(*entry.expirationDate);

@@ -93,6 +93,10 @@ constexpr std::array kRoutes{
           [](LocalStore& store, const PathIds& ids, const ApiRequest&) {
             return massExtensionStatus(store, ids[0], ids[1]);
           }},
+    Route{"GET", "/inApps/v1/lookup/*",
+          [](LocalStore& store, const PathIds& ids, const ApiRequest&) {
+            return lookUpOrderID(store, ids[0]);
+          }},
     Route{"GET", "/inApps/v2/refund/lookup/*",
           [](LocalStore& store, const PathIds& ids, const ApiRequest& request) {
             return refundHistory(store, ids[0], request.query);

@@ -6,6 +6,7 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
+#include "appstore/order_ids.h"
 #include "appstore/store_controls.h"
 
 namespace appstore::server {
@@ -76,6 +77,9 @@ json::array transactions(LocalStore& store) {
                      {"upgraded", entry.upgraded},
                      {"ownership", entry.familyShared ? "FAMILY_SHARED" : "PURCHASED"},
                      {"autoRenewing", entry.autoRenewingEnabled}};
+    if (entry.state == TestTransaction::State::purchased && !entry.familyShared) {
+      row["orderId"] = orderIDForTransaction(entry.identifier);
+    }
     if (entry.originalTransactionIdentifier) row["originalId"] = *entry.originalTransactionIdentifier;
     if (entry.purchaseDate) row["purchaseDate"] = milliseconds(*entry.purchaseDate);
     if (entry.expirationDate) row["expiresDate"] = milliseconds(*entry.expirationDate);

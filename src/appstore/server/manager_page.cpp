@@ -30,6 +30,7 @@ th, td { text-align: left; padding: 4px 8px; border-bottom: 1px solid var(--line
 th { font-weight: 600; color: var(--muted); font-size: 13px; }
 form, .controls { display: inline-flex; flex-wrap: wrap; gap: 4px; align-items: center; margin: 2px 0; }
 td form { flex-wrap: nowrap; }
+small.order { display: block; font-family: ui-monospace, monospace; color: var(--muted); }
 label { color: var(--muted); font-size: 13px; }
 input, select, button { font: inherit; font-size: 14px; padding: 2px 6px; }
 input[type=number] { width: 6em; }
@@ -251,7 +252,7 @@ function renderTransactions(transactions, subscriptions) {
     actions.append(' ', button('Delete', 'deleteTransaction', {identifier: t.id}, 'Delete transaction ' + t.id + '?'));
     const price = p.price === undefined ? '' : (p.price / 1000) + ' ' + (p.currency || '');
     const offer = p.offerType ? ['', 'introductory', 'promotional', 'offer code', 'win-back'][p.offerType] + (p.offerIdentifier ? ' ' + p.offerIdentifier : '') : '';
-    table.append(el('tr', {'data-transaction': t.id}, el('td', {}, t.id), el('td', {}, t.originalId ?? ''), el('td', {}, t.productId),
+    table.append(el('tr', {'data-transaction': t.id}, el('td', {}, t.id, t.orderId ? el('small', {class: 'order'}, ' order ' + t.orderId) : ''), el('td', {}, t.originalId ?? ''), el('td', {}, t.productId),
       el('td', {}, t.state), el('td', {}, when(t.purchaseDate)), el('td', {}, when(t.expiresDate)), el('td', {}, price),
       el('td', {}, offer), el('td', {class: 'flags'}, flags), actions));
   }

@@ -7,6 +7,7 @@
 
 #include <boost/json/serialize.hpp>
 
+#include "appstore/order_ids.h"
 #include "appstore/server/api_support.h"
 
 namespace appstore::server {
@@ -67,6 +68,18 @@ ApiAnswer allSubscriptionStatuses(LocalStore& store, const std::string& transact
     return ApiAnswer{200, json::serialize(json::object{{"environment", store.environment()},
                                                        {"bundleId", store.bundleID()},
                                                        {"data", std::move(data)}})};
+  });
+}
+
+ApiAnswer lookUpOrderID(LocalStore& store, const std::string& orderID) {
+  return guarded([&] {
+    // A family member's purchase is an order of theirs, not of this account.
+    const auto id = transactionForOrderID(orderID);
+    const auto summary = id ? store.transactionSummary(*id) : std::nullopt;
+    const auto jws = summary && !summary->familyShared ? store.signedForm(*id) : std::nullopt;
+    if (!jws || jws->empty()) return ApiAnswer{200, R"({"status":1})"};
+    return ApiAnswer{200, json::serialize(json::object{
+                              {"status", 0}, {"signedTransactions", json::array{*jws}}})};
   });
 }
 

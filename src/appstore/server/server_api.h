@@ -107,6 +107,10 @@ ApiAnswer appTransactionInfo(LocalStore& store, const std::string& transactionID
 ApiAnswer setAppAccountToken(LocalStore& store, const std::string& originalTransactionID,
                              const std::string& body);
 
+// GET /inApps/v1/lookup/{orderId}: {"status": 0, "signedTransactions": [...]} for an order of
+// this account, {"status": 1} for any other text.
+ApiAnswer lookUpOrderID(LocalStore& store, const std::string& orderID);
+
 // --- History ------------------------------------------------------------------------------
 enum class HistoryVersion { v1, v2 };
 // GET /inApps/{v1|v2}/history/{anyTransactionId}: a page of the customer's purchases in the
