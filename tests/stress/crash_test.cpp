@@ -38,12 +38,15 @@ const std::vector<std::string> kSubscriptions = {"com.vorntesk.sample.basic.mont
 const std::vector<std::string> kOneTimeProducts = {
     "com.vorntesk.sample.coins100", "com.vorntesk.sample.coins100", "com.vorntesk.sample.removeads",
     "com.vorntesk.sample.offlinemaps", "com.vorntesk.sample.seasonpass"};
-const std::string kEventPrefix = R"({"event":"AppleStoreKitService.OnTransactionUpdate","payload":)";
+const std::string kEventPrefix =
+    R"({"event":"AppleStoreKitService.OnTransactionUpdate","payload":)";
 
 // The certificate a PEM file holds, as DER: its base64 body.
 std::string derOfPEM(std::string pem) {
-  for (std::string_view armour : {"-----BEGIN CERTIFICATE-----", "-----END CERTIFICATE-----", "\n"}) {
-    for (std::size_t at; (at = pem.find(armour)) != std::string::npos;) pem.erase(at, armour.size());
+  for (std::string_view armour :
+       {"-----BEGIN CERTIFICATE-----", "-----END CERTIFICATE-----", "\n"}) {
+    for (std::size_t at; (at = pem.find(armour)) != std::string::npos;)
+      pem.erase(at, armour.size());
   }
   return platform::base64Decode(pem).value_or("");
 }
@@ -74,8 +77,8 @@ std::optional<json::value> eventPayload(const std::string& line) {
 struct Snapshot {
   std::multiset<Id> replayed;  // update events before the unfinished listing
   std::vector<Id> unfinished, allIDs, storeIDs;
-  std::map<Id, std::string> all;       // GetAllTransactions: id -> signed form
-  std::map<Id, json::object> store;    // the store's own listing, finished consumables too
+  std::map<Id, std::string> all;     // GetAllTransactions: id -> signed form
+  std::map<Id, json::object> store;  // the store's own listing, finished consumables too
 
   explicit Snapshot(const std::vector<std::string>& lines) {
     std::map<std::string, json::value> answers;
@@ -90,7 +93,8 @@ struct Snapshot {
     const auto listed = [&](const char* id) {
       return answers[id].at("envelope").at("success").at("transactions").as_array();
     };
-    for (const auto& record : listed("unfinished")) unfinished.push_back(record.at("id").to_number<Id>());
+    for (const auto& record : listed("unfinished"))
+      unfinished.push_back(record.at("id").to_number<Id>());
     for (const auto& record : listed("all")) {
       allIDs.push_back(record.at("id").to_number<Id>());
       all[allIDs.back()] = std::string(record.at("jwsRepresentation").as_string());
@@ -112,14 +116,19 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
   fs::remove_all(dir);
   fs::create_directories(dir);
   const std::vector<std::string> arguments = {
-      "--config", VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit", "--state",
-      (dir / "state.db").string(), "--export-root", (dir / "root.pem").string()};
+      "--config",      VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit",
+      "--state",       (dir / "state.db").string(),
+      "--export-root", (dir / "root.pem").string()};
   const auto seed = static_cast<unsigned>(std::random_device{}());
   std::mt19937 random(seed);
   const auto errors = (dir / "driver-errors.txt").string();
   SCOPED_TRACE("seed " + std::to_string(seed) + "; driver errors in " + errors);
-  const auto pick = [&](int below) { return std::uniform_int_distribution<int>(0, below - 1)(random); };
-  const auto pickFrom = [&](const auto& items) { return items[pick(static_cast<int>(items.size()))]; };
+  const auto pick = [&](int below) {
+    return std::uniform_int_distribution<int>(0, below - 1)(random);
+  };
+  const auto pickFrom = [&](const auto& items) {
+    return items[pick(static_cast<int>(items.size()))];
+  };
 
   Told told;
   std::string rootDER;
@@ -150,9 +159,11 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
         EXPECT_NO_THROW(storekit::verifyJWS(jws, rootDER)) << "transaction " << id;
       }
     }
-    EXPECT_TRUE(noneTwice(snapshot.allIDs) && noneTwice(snapshot.storeIDs)) << "at launch " << kills;
+    EXPECT_TRUE(noneTwice(snapshot.allIDs) && noneTwice(snapshot.storeIDs))
+        << "at launch " << kills;
     // The unfinished ones arrive once each through the observer, and nothing else does.
-    EXPECT_EQ(snapshot.replayed, std::multiset(snapshot.unfinished.begin(), snapshot.unfinished.end()))
+    EXPECT_EQ(snapshot.replayed,
+              std::multiset(snapshot.unfinished.begin(), snapshot.unfinished.end()))
         << "at launch " << kills;
     // Every transaction the app was handed is there, with the form it was handed unless an
     // operation cut short may have changed it; a finished consumable is in the store's listing.
@@ -177,7 +188,8 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
     std::vector<Id> pendingRequests, refundable;
     for (const auto& [id, entry] : snapshot.store) {
       if (entry.at("pendingAskToBuyConfirmation").as_bool()) pendingRequests.push_back(id);
-      if (!entry.at("revoked").as_bool() && entry.at("state") == "purchased") refundable.push_back(id);
+      if (!entry.at("revoked").as_bool() && entry.at("state") == "purchased")
+        refundable.push_back(id);
     }
 
     // The mixed stream, sent without waiting; the kill lands somewhere in it. An upgrade or a

@@ -58,17 +58,19 @@ struct Book {
       ++wrongEvents;
       return;
     }
-    auto it = std::find_if(loops.rbegin(), loops.rend(), [&](auto& l) { return l->token == token; });
+    auto it =
+        std::find_if(loops.rbegin(), loops.rend(), [&](auto& l) { return l->token == token; });
     Loop* loop = it == loops.rend() ? nullptr : it->get();
     if (!loop) {
       loop = loops.emplace_back(std::make_unique<Loop>()).get();
       loop->token = token;
       // Runs at once if cancellation was already asked: too late to know when.
-      loop->watch = std::make_unique<std::stop_callback<std::function<void()>>>(token, [this, loop] {
-        if (!loop->registering.load() && stopping.load() && !loop->cancelledEarlier.load()) {
-          loop->madeBeforeCancel.store(madeBeforeStopping.load());
-        }
-      });
+      loop->watch =
+          std::make_unique<std::stop_callback<std::function<void()>>>(token, [this, loop] {
+            if (!loop->registering.load() && stopping.load() && !loop->cancelledEarlier.load()) {
+              loop->madeBeforeCancel.store(madeBeforeStopping.load());
+            }
+          });
       loop->registering.store(false);
     }
     loop->ids.push_back(parsed->at("id").to_number<std::uint64_t>());
@@ -148,12 +150,14 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
     const bool unbroken = std::adjacent_find(run.begin(), run.end(), gap) == run.end() &&
                           (run.empty() || (run.front() >= ids[0] && run.back() <= ids.back()));
     const bool shortOfCancel = cancelledAt != kUnknown && !run.empty() &&
-                               run.front() - ids[0] < cancelledAt && run.back() - ids[0] + 1 < cancelledAt;
+                               run.front() - ids[0] < cancelledAt &&
+                               run.back() - ids[0] + 1 < cancelledAt;
     if ((!unbroken || shortOfCancel) && broken + cutShort < 6) {
       evidence += "\n  loop " + std::to_string(index) + (unbroken ? " cut short: " : " broken: ") +
                   std::to_string(run.size()) + " events" +
-                  (run.empty() ? "" : ", updates " + std::to_string(run.front() - ids[0]) + ".." +
-                                          std::to_string(run.back() - ids[0])) +
+                  (run.empty() ? ""
+                               : ", updates " + std::to_string(run.front() - ids[0]) + ".." +
+                                     std::to_string(run.back() - ids[0])) +
                   ", updates made when it was stopped: " +
                   (cancelledAt == kUnknown ? "unknown" : std::to_string(cancelledAt));
     }
@@ -161,8 +165,8 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
     cutShort += shortOfCancel;
   }
   EXPECT_EQ(broken, 0u) << "loops whose events are not one unbroken run of updates" << evidence;
-  EXPECT_EQ(cutShort, 0u) << "loops that ended short of their cancellation" << evidence
-                          << "\n  of " << book->loops.size() << " loops, " << emitted << " events";
+  EXPECT_EQ(cutShort, 0u) << "loops that ended short of their cancellation" << evidence << "\n  of "
+                          << book->loops.size() << " loops, " << emitted << " events";
   EXPECT_GT(emitted, 0u);
 }
 

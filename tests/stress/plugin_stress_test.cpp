@@ -82,16 +82,21 @@ TEST(PluginStress, AMillionCallsFromEightThreadsAreEachAnsweredOnceInTheirThread
     if (request.transactionId % 2 == 1) return TransactionNotFound{};
     return FinishTransactionResponse{};
   };
-  hammer(*dispatcherOver(adapter), 8, 1'000'000 / 8, [](std::size_t n) -> Call {
-    const auto id = n / 4;  // of the finish; odd ones are not found
-    const Call calls[] = {
-        {"GetStorefront", "{}", R"({"success":{"countryCode":"","identifier":""}})"},
-        {"FinishTransaction", R"({"transactionId":)" + std::to_string(id) + "}",
-         id % 2 == 1 ? R"({"outcome":{"code":"transaction_not_found","data":{}}})" : R"({"success":{}})"},
-        {"Sync", "[]", R"({"success":{}})"},
-        {"Refund", "{}", R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: Refund"}})"}};
-    return calls[n % 4];
-  }, true);
+  hammer(
+      *dispatcherOver(adapter), 8, 1'000'000 / 8,
+      [](std::size_t n) -> Call {
+        const auto id = n / 4;  // of the finish; odd ones are not found
+        const Call calls[] = {
+            {"GetStorefront", "{}", R"({"success":{"countryCode":"","identifier":""}})"},
+            {"FinishTransaction", R"({"transactionId":)" + std::to_string(id) + "}",
+             id % 2 == 1 ? R"({"outcome":{"code":"transaction_not_found","data":{}}})"
+                         : R"({"success":{}})"},
+            {"Sync", "[]", R"({"success":{}})"},
+            {"Refund", "{}",
+             R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: Refund"}})"}};
+        return calls[n % 4];
+      },
+      true);
   EXPECT_FALSE(overlapped.load());
   EXPECT_EQ(adapter->operationCalls.load(), 1'000'000 / 4 * 3);  // all but the unknown method
 }

@@ -82,7 +82,8 @@ struct Kind {
 
 std::string pageAfter(const Kind& kind, const std::string& revision) {
   if (revision.empty()) return kind.path;
-  return kind.path + (kind.path.find('?') == std::string::npos ? "?" : "&") + "revision=" + revision;
+  return kind.path + (kind.path.find('?') == std::string::npos ? "?" : "&") +
+         "revision=" + revision;
 }
 
 // The revision to continue from after `body`, empty once the last page was read.
@@ -111,7 +112,8 @@ class ServerLoadTest : public ApiFixture {
  protected:
   void SetUp() override {
     store_->setNotificationsURL("http://127.0.0.1:9/notifications");
-    for (int i = 0; i < 22; ++i) coins_.push_back(store_->buyProduct("com.vorntesk.sample.coins100").id);
+    for (int i = 0; i < 22; ++i)
+      coins_.push_back(store_->buyProduct("com.vorntesk.sample.coins100").id);
     const auto removeAds = store_->buyProduct("com.vorntesk.sample.removeads").id;
     store_->buyProduct("com.vorntesk.sample.seasonpass");
     subscription_ = store_->buyProduct("com.vorntesk.sample.basic.monthly").id;
@@ -127,8 +129,8 @@ class ServerLoadTest : public ApiFixture {
     const auto coin = std::to_string(coins_[0]), sub = std::to_string(subscription_);
     const auto nowMs = platform::millisecondsSince1970(store_->now());
     const auto dayMs = std::int64_t{24} * 3600 * 1000;
-    const auto window = R"({"startDate":)" + std::to_string(nowMs - 60 * dayMs) +
-                        R"(,"endDate":)" + std::to_string(nowMs + dayMs);
+    const auto window = R"({"startDate":)" + std::to_string(nowMs - 60 * dayMs) + R"(,"endDate":)" +
+                        std::to_string(nowMs + dayMs);
     const std::string transactions = "/inApps/v1/transactions/", history = "/inApps/v2/history/",
                       subscriptions = "/inApps/v1/subscriptions/",
                       notifications = "/inApps/v1/notifications/history";
@@ -215,14 +217,16 @@ class ServerLoadTest : public ApiFixture {
       const auto path = pageAfter(kind, revisions_[client][index]);
       const httplib::Headers headers{
           {"Authorization", kind.mode == Mode::badToken ? "Bearer e30.e30.c2lnbmF0dXJl" : token}};
-      const auto result = kind.body.empty() ? http.Get(path, headers)
-                                            : http.Post(path, headers, kind.body, "application/json");
+      const auto result = kind.body.empty()
+                              ? http.Get(path, headers)
+                              : http.Post(path, headers, kind.body, "application/json");
       ++tally.sent;
       if (!result) {
-        tally.problem(tally.transportFailures, kind.name + ": " + httplib::to_string(result.error()));
+        tally.problem(tally.transportFailures,
+                      kind.name + ": " + httplib::to_string(result.error()));
       } else if (result->status != kind.status) {
-        tally.problem(tally.wrongStatus,
-                      kind.name + ": status " + std::to_string(result->status) + " " + result->body);
+        tally.problem(tally.wrongStatus, kind.name + ": status " + std::to_string(result->status) +
+                                             " " + result->body);
       } else if (!answerFits(kind, path + " " + kind.body, result->body)) {
         tally.problem(tally.wrongBody, kind.name + " " + path + ": " + result->body.substr(0, 200));
       } else if (kind.mode == Mode::walk) {

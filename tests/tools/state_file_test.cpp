@@ -36,7 +36,8 @@ std::vector<std::int64_t> listedIds(const std::string& answer) {
     return {bought->at("id").to_number<std::int64_t>()};
   }
   std::vector<std::int64_t> ids;
-  for (const auto& t : success.at("transactions").as_array()) ids.push_back(t.at("id").to_number<std::int64_t>());
+  for (const auto& t : success.at("transactions").as_array())
+    ids.push_back(t.at("id").to_number<std::int64_t>());
   return ids;
 }
 
@@ -173,7 +174,8 @@ TEST_F(StateFileTest, APurchaseWhoseCommitFailsIsAnErrorAndLeavesNothingInTheFil
   // Relaunched without the limit: the purchases answered with success and nothing else, and
   // the next purchase takes an id after theirs.
   const std::string all = R"({"id":"all","call":"GetAllTransactions"})";
-  const DriverRun relaunched = runDriver({all, purchaseLine("\"next\""), all}, "--state " + state.string());
+  const DriverRun relaunched =
+      runDriver({all, purchaseLine("\"next\""), all}, "--state " + state.string());
   EXPECT_EQ(relaunched.exitStatus, 0) << relaunched.errors;
   ASSERT_EQ(relaunched.lines.size(), 3u) << relaunched.errors;
   EXPECT_EQ(listedIds(relaunched.lines[0]), bought);
@@ -195,7 +197,8 @@ TEST_F(StateFileTest, NotificationsQueuedWhenKilledAreDeliveredAfterTheRelaunch)
   {
     RunningDriver driver({"--state", state, "--notifications-url", url});
     ASSERT_TRUE(driver.ask(purchaseLine("1")));
-    ASSERT_TRUE(driver.ask(R"({"id":2,"store":"buyProduct","productID":"com.vorntesk.sample.pro.monthly"})"));
+    ASSERT_TRUE(driver.ask(
+        R"({"id":2,"store":"buyProduct","productID":"com.vorntesk.sample.pro.monthly"})"));
     ASSERT_EQ(receiver.waitFor(2).size(), 2u);
     const auto listed = driver.ask(R"({"id":3,"store":"notifications"})");
     ASSERT_TRUE(listed);

@@ -36,7 +36,9 @@ TEST(StoreControls, EachRefusedLineNamesItsReasonAndAKnownOneIsAnswered) {
   const auto buyBasic = purchase(kBasic), buyPro = purchase(kPro), plans = buy("standard.monthly");
   const auto twice = extend(R"("extendByDays":1,"requestIdentifier":"r1")");
   const auto again = extend(R"("extendByDays":1,"requestIdentifier":"r2")");
-  const auto rate = [](const char* value) { return control("timeRate", R"("value":)" + std::string(value)); };
+  const auto rate = [](const char* value) {
+    return control("timeRate", R"("value":)" + std::string(value));
+  };
   const auto bothBought = std::vector<std::string>{plans, buy("album")};
   const struct {
     std::vector<std::string> lines;  // the last one is checked
@@ -86,7 +88,8 @@ TEST(StoreControls, BuyProductTakesAPromotionalOfferFromOutsideTheApp) {
   for (const auto& [line, answer] : cases) {
     const auto run = runDriver({line, R"({"id":2,"call":"GetAllTransactions"})"});
     ASSERT_EQ(run.lines.size(), 2u) << run.errors;
-    EXPECT_TRUE(run.lines[0].starts_with(R"({"id":"x",)" + answer)) << line << "\n  " << run.lines[0];
+    EXPECT_TRUE(run.lines[0].starts_with(R"({"id":"x",)" + answer))
+        << line << "\n  " << run.lines[0];
     // Bought with the offer: its id, its price and its type (promotional); refused: nothing.
     const auto transactions =
         json::parse(run.lines[1]).at("envelope").at("success").at("transactions").as_array();

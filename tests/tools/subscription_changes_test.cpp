@@ -29,7 +29,8 @@ std::vector<std::string> history(Session& session) {
   std::vector<std::string> rows;
   const auto answer = session.call("GetAllTransactions");
   for (const auto& t : answer.at("envelope").at("success").at("transactions").as_array()) {
-    rows.push_back(std::to_string(t.at("id").as_int64()) + " " + std::string(t.at("productId").as_string()) +
+    rows.push_back(std::to_string(t.at("id").as_int64()) + " " +
+                   std::string(t.at("productId").as_string()) +
                    (t.at("isUpgraded").as_bool() ? " upgraded" : ""));
   }
   return rows;
@@ -42,9 +43,9 @@ TEST(SubscriptionChanges, UpAtOnceDownOrToAnotherDurationAtTheNextRenewal) {
   // Up a tier, and across to the same duration: at once, the replaced one marked upgraded.
   EXPECT_EQ(purchase(session, "premium.monthly"), 2);
   EXPECT_EQ(purchase(session, "premium.monthly.plus"), 3);
-  EXPECT_EQ(history(session), (std::vector<std::string>{"1 standard.monthly upgraded",
-                                                        "2 premium.monthly upgraded",
-                                                        "3 premium.monthly.plus"}));
+  EXPECT_EQ(history(session),
+            (std::vector<std::string>{"1 standard.monthly upgraded", "2 premium.monthly upgraded",
+                                      "3 premium.monthly.plus"}));
   EXPECT_EQ(session.entitlements(), Ids{3});
   EXPECT_EQ(autoRenewProduct(session), "premium.monthly.plus");
 
@@ -67,8 +68,13 @@ TEST(SubscriptionChanges, UpAtOnceDownOrToAnotherDurationAtTheNextRenewal) {
   EXPECT_EQ(history(session).size(), 4u);
   const Notice upgrade{"DID_CHANGE_RENEWAL_PREF", "UPGRADE", 1},
       downgrade{"DID_CHANGE_RENEWAL_PREF", "DOWNGRADE", 1}, back{"DID_CHANGE_RENEWAL_PREF", "", 1};
-  EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1}, upgrade, upgrade,
-                                           downgrade, back, downgrade, {"DID_RENEW", "", 1}}));
+  EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1},
+                                           upgrade,
+                                           upgrade,
+                                           downgrade,
+                                           back,
+                                           downgrade,
+                                           {"DID_RENEW", "", 1}}));
 }
 
 TEST(SubscriptionChanges, ExpiredSubscribersSeeWinBackOffersAndALongLapseStartsANewRun) {
@@ -78,7 +84,8 @@ TEST(SubscriptionChanges, ExpiredSubscribersSeeWinBackOffersAndALongLapseStartsA
     const auto info = session.status("G1").at("renewalInfo").as_object();
     return info.contains("eligibleWinBackOfferIds") ? info.at("eligibleWinBackOfferIds") : nullptr;
   };
-  const auto bought = msOf(session.purchase("standard.monthly").at("transaction").at("purchaseDate"));
+  const auto bought =
+      msOf(session.purchase("standard.monthly").at("transaction").at("purchaseDate"));
   EXPECT_EQ(startOf(), bought);
   session.control("disableAutoRenewForTransaction", 1);
   session.advance(days(40));
@@ -90,7 +97,8 @@ TEST(SubscriptionChanges, ExpiredSubscribersSeeWinBackOffersAndALongLapseStartsA
   EXPECT_TRUE(winBack().is_null());
   session.control("disableAutoRenewForTransaction", 2);
   session.advance(days(100));
-  EXPECT_EQ(startOf(), msOf(session.purchase("standard.monthly").at("transaction").at("purchaseDate")));
+  EXPECT_EQ(startOf(),
+            msOf(session.purchase("standard.monthly").at("transaction").at("purchaseDate")));
 }
 
 // Xcode's billing switches set in the file itself: purchases interrupted until resolved,
@@ -126,7 +134,8 @@ TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) 
   session.call("GetStorefront");  // the events of the lines before come before its answer
   auto events = session.newEvents();
   ASSERT_EQ(events.size(), 2u);
-  for (const auto& event : events) EXPECT_EQ(event.at("ownershipType"), 2) << json::serialize(event);
+  for (const auto& event : events)
+    EXPECT_EQ(event.at("ownershipType"), 2) << json::serialize(event);
   EXPECT_EQ(session.entitlements(), shared);
   const auto listing = session.call("GetCurrentEntitlements");
   for (const auto& t : listing.at("envelope").at("success").at("transactions").as_array()) {
@@ -145,9 +154,10 @@ TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) 
   const auto entitled = session.entitlements();
   EXPECT_EQ(std::count(entitled.begin(), entitled.end(), shared[0]), 0);
   EXPECT_EQ(std::count(entitled.begin(), entitled.end(), own), 1);
-  EXPECT_EQ(session.newNotices(),
-            (Notices{{"ONE_TIME_CHARGE", "", 0}, {"SUBSCRIBED", "INITIAL_BUY", 1},
-                     {"SUBSCRIBED", "INITIAL_BUY", 1}, {"REVOKE", "", 0}}));
+  EXPECT_EQ(session.newNotices(), (Notices{{"ONE_TIME_CHARGE", "", 0},
+                                           {"SUBSCRIBED", "INITIAL_BUY", 1},
+                                           {"SUBSCRIBED", "INITIAL_BUY", 1},
+                                           {"REVOKE", "", 0}}));
 }
 
 // A refund the customer asks for in the app: the developer's server is asked for consumption
@@ -167,7 +177,8 @@ TEST(Refunds, RequestedThenGrantedOrDeclinedAndReversed) {
   EXPECT_EQ(session.newNotices(), (Notices{{"DID_CHANGE_RENEWAL_STATUS", "AUTO_RENEW_DISABLED", 1},
                                            {"CONSUMPTION_REQUEST", "", 1}}));
   const auto made = session.control(R"("store":"notifications")").at("notifications").as_array();
-  EXPECT_EQ(made.back().at("payload").at("data").at("consumptionRequestReason"), "UNINTENDED_PURCHASE");
+  EXPECT_EQ(made.back().at("payload").at("data").at("consumptionRequestReason"),
+            "UNINTENDED_PURCHASE");
   EXPECT_EQ(info(session.status("G1"), "autoRenewStatus"), 0);
 
   session.control("refundTransaction", subscription);

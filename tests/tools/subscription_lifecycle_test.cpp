@@ -65,7 +65,8 @@ TEST(SubscriptionLifecycle, AResolvedIssueRenewsThroughTheUpdatesFromWhenAccessR
   for (const bool grace : {false, true}) {
     SCOPED_TRACE(grace ? "resolved in the grace period" : "resolved in billing retry");
     Session session({R"("store":"shouldEnterBillingRetryOnRenewal","value":true)",
-                     R"("store":"billingGracePeriodIsEnabled","value":)" + std::string(grace ? "true" : "false")});
+                     R"("store":"billingGracePeriodIsEnabled","value":)" +
+                         std::string(grace ? "true" : "false")});
     const auto bought = buy(session);
     session.advance(bought.period + kMargin);
     auto status = session.status();
@@ -86,8 +87,10 @@ TEST(SubscriptionLifecycle, AResolvedIssueRenewsThroughTheUpdatesFromWhenAccessR
     EXPECT_EQ(renewal.at("transactionReason"), 2);  // renewal
     // In grace the paid time never stopped; in billing retry it starts again on recovery.
     const auto start = msOf(renewal.at("purchaseDate"));
-    if (grace) EXPECT_EQ(start, renewalDate);
-    else EXPECT_GE(start, renewalDate + milliseconds(days(2)).count());
+    if (grace)
+      EXPECT_EQ(start, renewalDate);
+    else
+      EXPECT_GE(start, renewalDate + milliseconds(days(2)).count());
     EXPECT_EQ(status.at("status"), 1);
     EXPECT_EQ(status.at("transactionId"), renewal.at("id"));
     EXPECT_FALSE(inBillingRetry(status));
@@ -139,7 +142,11 @@ TEST(SubscriptionLifecycle, PriceIncreasesRenewAtTheNewPriceOnlyWithConsentOrWhe
       {"no consent needed", {}, false, true, {accepted, renewed}},
       {"declined", {decline}, true, false, {pending, renewOff, expired}},
       {"never answered", {}, true, false, {pending, expired}},
-      {"declined, then consented", {decline, consent}, true, true, {pending, renewOff, accepted, renewed}},
+      {"declined, then consented",
+       {decline, consent},
+       true,
+       true,
+       {pending, renewOff, accepted, renewed}},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.name);
@@ -174,7 +181,8 @@ TEST(SubscriptionLifecycle, PriceIncreasesRenewAtTheNewPriceOnlyWithConsentOrWhe
 }
 
 TEST(SubscriptionLifecycle, ExtensionsMoveTheRenewalDateTwiceAYearAtMost) {
-  for (const auto& [rate, day] : {std::pair{0, milliseconds(days(1))}, std::pair{13, milliseconds(10'000)}}) {
+  for (const auto& [rate, day] :
+       {std::pair{0, milliseconds(days(1))}, std::pair{13, milliseconds(10'000)}}) {
     SCOPED_TRACE("time rate " + std::to_string(rate));
     Session session({R"("store":"timeRate","value":)" + std::to_string(rate)});
     const auto bought = buy(session);  // pay as you go: a paid period

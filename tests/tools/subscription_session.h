@@ -50,9 +50,11 @@ inline std::int64_t msOf(const json::value& date) {
 // its transaction observer started.
 class Session {
  public:
-  explicit Session(const std::vector<std::string>& settings, std::vector<std::string> arguments = {})
+  explicit Session(const std::vector<std::string>& settings,
+                   std::vector<std::string> arguments = {})
       : driver_([&] {
-          arguments.insert(arguments.end(), {"--notifications-url", "http://127.0.0.1:9/notifications"});
+          arguments.insert(arguments.end(),
+                           {"--notifications-url", "http://127.0.0.1:9/notifications"});
           return arguments;
         }()) {
     for (const auto& line : settings) control(line);
@@ -99,7 +101,8 @@ class Session {
       const auto& payload = made[seenNotices_].at("payload").as_object();
       Notice& notice = notices.emplace_back();
       notice.type = payload.at("notificationType").as_string();
-      if (const auto* subtype = payload.if_contains("subtype")) notice.subtype = subtype->as_string();
+      if (const auto* subtype = payload.if_contains("subtype"))
+        notice.subtype = subtype->as_string();
       const auto* data = payload.if_contains("data");
       const auto* status = data ? data->as_object().if_contains("status") : nullptr;
       if (status) notice.status = status->as_int64();
@@ -151,7 +154,8 @@ struct Bought {
 inline Bought buy(Session& session, const std::string& productID = kBasic) {
   const auto answer = session.purchase(productID);
   const auto& t = answer.at("transaction");
-  return {t.at("id").as_int64(), milliseconds(msOf(t.at("expirationDate")) - msOf(t.at("purchaseDate")))};
+  return {t.at("id").as_int64(),
+          milliseconds(msOf(t.at("expirationDate")) - msOf(t.at("purchaseDate")))};
 }
 
 }  // namespace testsupport
