@@ -186,7 +186,8 @@ class ServerLoadTest : public ApiFixture {
   bool answerFits(const Kind& kind, const std::string& key, const std::string& body) {
     if (kind.mode == Mode::badToken) return true;
     if (kind.mode == Mode::signedInfo) {
-      const auto* member = json::parse(body).as_object().if_contains("signedAppTransactionInfo");
+      const auto answer = json::parse(body);
+      const auto* member = answer.as_object().if_contains("signedAppTransactionInfo");
       return member && member->is_string() && !payloadOf(member->as_string()).is_null();
     }
     const auto found = expected_.find(key);
