@@ -6,30 +6,21 @@
 // root the first launch exported.
 #include <gtest/gtest.h>
 
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "platform/base64.h"
 #include "storekit/jws.h"
 #include "support/driver_process.h"
 
@@ -37,50 +28,39 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace json = boost::json;
-using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
-using testsupport::RunningDriver;
+using Id = std::uint64_t;
 
 constexpr int kKills = 200;
 constexpr auto kTestBudget = std::chrono::seconds(420);
-
-std::string readFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-std::string derOfPEM(const std::string& pem) {
-  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
-  X509* certificate = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
-  BIO_free(bio);
-  if (!certificate) return {};
-  unsigned char* der = nullptr;
-  const int length = i2d_X509(certificate, &der);
-  std::string bytes(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
-  OPENSSL_free(der);
-  X509_free(certificate);
-  return bytes;
-}
-
 const std::vector<std::string> kSubscriptions = {"com.vorntesk.sample.basic.monthly",
                                                  "com.vorntesk.sample.pro.monthly"};
 const std::vector<std::string> kOneTimeProducts = {
     "com.vorntesk.sample.coins100", "com.vorntesk.sample.coins100", "com.vorntesk.sample.removeads",
     "com.vorntesk.sample.offlinemaps", "com.vorntesk.sample.seasonpass"};
+const std::string kEventPrefix =
+    R"({"event":"AppleStoreKitService.OnTransactionUpdate","payload":)";
+
+// The certificate a PEM file holds, as DER: its base64 body.
+std::string derOfPEM(std::string pem) {
+  for (std::string_view armour :
+       {"-----BEGIN CERTIFICATE-----", "-----END CERTIFICATE-----", "\n"}) {
+    for (std::size_t at; (at = pem.find(armour)) != std::string::npos;)
+      pem.erase(at, armour.size());
+  }
+  return platform::base64Decode(pem).value_or("");
+}
 
 // What the app has been told, across every launch.
 struct Told {
-  std::map<std::uint64_t, std::string> signedForms;  // id -> the last form the app was handed
-  std::set<std::uint64_t> finished;
-  std::set<std::uint64_t> consumables;
-  std::set<std::uint64_t> subscriptions;
+  std::map<Id, std::string> signedForms;  // id -> the last form the app was handed
+  std::set<Id> finished, consumables, subscriptions;
   // Ids whose signed form an operation sent in the last launch may have changed (a refund, an
   // upgrade, a renewal's expiry) without the app having been told the new one yet.
-  std::set<std::uint64_t> mayHaveChanged;
+  std::set<Id> mayHaveChanged;
 
-  void handed(const json::object& transaction) {
-    const auto id = transaction.at("id").to_number<std::uint64_t>();
+  void handed(const json::value& transaction) {
+    const auto id = transaction.at("id").to_number<Id>();
     signedForms[id] = std::string(transaction.at("jwsRepresentation").as_string());
     const auto type = transaction.at("productType").to_number<int>();
     if (type == 1) consumables.insert(id);
@@ -88,55 +68,47 @@ struct Told {
   }
 };
 
+std::optional<json::value> eventPayload(const std::string& line) {
+  if (!line.starts_with(kEventPrefix)) return std::nullopt;
+  return json::parse(line.substr(kEventPrefix.size(), line.size() - kEventPrefix.size() - 1));
+}
+
 // The ledger as the relaunched driver reports it.
 struct Snapshot {
-  std::multiset<std::uint64_t> replayed;      // update events before the unfinished listing
-  std::vector<std::uint64_t> unfinished;
-  std::map<std::uint64_t, std::string> all;   // GetAllTransactions: id -> signed form
-  std::vector<std::uint64_t> allIDs;
-  std::map<std::uint64_t, json::object> store;  // the store's own listing, finished consumables too
-  std::vector<std::uint64_t> storeIDs;
-};
+  std::multiset<Id> replayed;  // update events before the unfinished listing
+  std::vector<Id> unfinished, allIDs, storeIDs;
+  std::map<Id, std::string> all;     // GetAllTransactions: id -> signed form
+  std::map<Id, json::object> store;  // the store's own listing, finished consumables too
 
-const std::string kEventPrefix = R"({"event":"AppleStoreKitService.OnTransactionUpdate","payload":)";
-
-std::optional<json::object> eventPayload(const std::string& line) {
-  if (line.rfind(kEventPrefix, 0) != 0) return std::nullopt;
-  return json::parse(line.substr(kEventPrefix.size(), line.size() - kEventPrefix.size() - 1))
-      .as_object();
-}
-
-std::optional<json::value> answer(const std::vector<std::string>& lines, const std::string& id) {
-  for (const auto& line : lines) {
-    if (line.rfind(R"({"id":")" + id + R"(",)", 0) == 0) return json::parse(line);
-  }
-  return std::nullopt;
-}
-
-Snapshot readSnapshot(const std::vector<std::string>& lines) {
-  Snapshot snapshot;
-  for (const auto& line : lines) {
-    if (line.rfind(R"({"id":"unfinished",)", 0) == 0) break;
-    if (const auto event = eventPayload(line)) {
-      snapshot.replayed.insert(event->at("id").to_number<std::uint64_t>());
+  explicit Snapshot(const std::vector<std::string>& lines) {
+    std::map<std::string, json::value> answers;
+    for (const auto& line : lines) {
+      if (const auto event = eventPayload(line); event && !answers.contains("unfinished")) {
+        replayed.insert(event->at("id").to_number<Id>());
+      } else if (!event) {
+        const auto answer = json::parse(line);
+        answers[std::string(answer.at("id").as_string())] = answer;
+      }
+    }
+    const auto listed = [&](const char* id) {
+      return answers[id].at("envelope").at("success").at("transactions").as_array();
+    };
+    for (const auto& record : listed("unfinished"))
+      unfinished.push_back(record.at("id").to_number<Id>());
+    for (const auto& record : listed("all")) {
+      allIDs.push_back(record.at("id").to_number<Id>());
+      all[allIDs.back()] = std::string(record.at("jwsRepresentation").as_string());
+    }
+    for (const auto& entry : answers["ledger"].at("transactions").as_array()) {
+      storeIDs.push_back(entry.at("identifier").to_number<Id>());
+      store[storeIDs.back()] = entry.as_object();
     }
   }
-  const auto unfinished = answer(lines, "unfinished"), all = answer(lines, "all"),
-             store = answer(lines, "ledger");
-  for (const auto& record : unfinished->at("envelope").at("success").at("transactions").as_array()) {
-    snapshot.unfinished.push_back(record.at("id").to_number<std::uint64_t>());
-  }
-  for (const auto& record : all->at("envelope").at("success").at("transactions").as_array()) {
-    const auto id = record.at("id").to_number<std::uint64_t>();
-    snapshot.allIDs.push_back(id);
-    snapshot.all[id] = std::string(record.at("jwsRepresentation").as_string());
-  }
-  for (const auto& entry : store->at("transactions").as_array()) {
-    const auto id = entry.at("identifier").to_number<std::uint64_t>();
-    snapshot.storeIDs.push_back(id);
-    snapshot.store[id] = entry.as_object();
-  }
-  return snapshot;
+};
+
+template <class Ids>
+bool noneTwice(const Ids& ids) {
+  return std::set(ids.begin(), ids.end()).size() == ids.size();
 }
 
 TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
@@ -144,24 +116,27 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
   fs::remove_all(dir);
   fs::create_directories(dir);
   const std::vector<std::string> arguments = {
-      "--config", VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit", "--state",
-      (dir / "state.db").string(), "--export-root", (dir / "root.pem").string()};
+      "--config",      VORNTESK_SOURCE_DIR "/examples/SampleStore.storekit",
+      "--state",       (dir / "state.db").string(),
+      "--export-root", (dir / "root.pem").string()};
   const auto seed = static_cast<unsigned>(std::random_device{}());
   std::mt19937 random(seed);
-  SCOPED_TRACE("seed " + std::to_string(seed) + "; driver errors in " +
-               (dir / "driver-errors.txt").string());
+  const auto errors = (dir / "driver-errors.txt").string();
+  SCOPED_TRACE("seed " + std::to_string(seed) + "; driver errors in " + errors);
   const auto pick = [&](int below) {
     return std::uniform_int_distribution<int>(0, below - 1)(random);
+  };
+  const auto pickFrom = [&](const auto& items) {
+    return items[pick(static_cast<int>(items.size()))];
   };
 
   Told told;
   std::string rootDER;
   std::set<std::string> verified;
-  std::set<std::uint64_t> pendingRequests;
   const auto started = Clock::now();
   int kills = 0, checkedLaunches = 0, answeredOperations = 0;
   for (; kills < kKills && Clock::now() - started < kTestBudget; ++kills) {
-    RunningDriver driver(arguments, (dir / "driver-errors.txt").string());
+    testsupport::RunningDriver driver(arguments, errors);
     // One launch in eight is killed while it opens the file and starts.
     if (pick(8) == 0) {
       std::this_thread::sleep_for(std::chrono::microseconds(pick(20000)));
@@ -172,21 +147,20 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
     driver.send(R"({"id":"all","call":"GetAllTransactions"})");
     driver.send(R"({"id":"ledger","store":"allTransactions"})");
     ASSERT_TRUE(driver.waitForAnswer("ledger")) << "launch " << kills << " did not answer";
-    const auto snapshot = readSnapshot(driver.lines());
+    const Snapshot snapshot(driver.lines());
     ++checkedLaunches;
 
     // The same root at every launch, and every token verifies against it.
-    const auto pem = readFile(dir / "root.pem");
-    if (rootDER.empty()) rootDER = derOfPEM(pem);
-    ASSERT_EQ(derOfPEM(pem), rootDER) << "the root changed at launch " << kills;
+    const auto der = derOfPEM(testsupport::readFile((dir / "root.pem").string()));
+    if (rootDER.empty()) rootDER = der;
+    ASSERT_EQ(der, rootDER) << "the root changed at launch " << kills;
     for (const auto& [id, jws] : snapshot.all) {
-      if (!verified.insert(jws).second) continue;
-      EXPECT_NO_THROW(storekit::verifyJWS(jws, rootDER)) << "transaction " << id;
+      if (verified.insert(jws).second) {
+        EXPECT_NO_THROW(storekit::verifyJWS(jws, rootDER)) << "transaction " << id;
+      }
     }
-    // No id twice, in either listing.
-    EXPECT_EQ(std::set(snapshot.allIDs.begin(), snapshot.allIDs.end()).size(), snapshot.allIDs.size());
-    EXPECT_EQ(std::set(snapshot.storeIDs.begin(), snapshot.storeIDs.end()).size(),
-              snapshot.storeIDs.size());
+    EXPECT_TRUE(noneTwice(snapshot.allIDs) && noneTwice(snapshot.storeIDs))
+        << "at launch " << kills;
     // The unfinished ones arrive once each through the observer, and nothing else does.
     EXPECT_EQ(snapshot.replayed,
               std::multiset(snapshot.unfinished.begin(), snapshot.unfinished.end()))
@@ -196,9 +170,7 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
     for (const auto& [id, jws] : told.signedForms) {
       const auto store = snapshot.store.find(id);
       ASSERT_NE(store, snapshot.store.end()) << "transaction " << id << " lost at launch " << kills;
-      const bool finishedConsumable = told.consumables.contains(id) &&
-                                      store->second.at("finished").as_bool();
-      if (finishedConsumable) continue;
+      if (told.consumables.contains(id) && store->second.at("finished").as_bool()) continue;
       const auto listed = snapshot.all.find(id);
       ASSERT_NE(listed, snapshot.all.end()) << "transaction " << id << " not in GetAllTransactions";
       if (!told.mayHaveChanged.contains(id)) {
@@ -213,84 +185,76 @@ TEST(CrashTest, KilledAtRandomInstantsTheStoreKeepsWhatItToldTheApp) {
     // What the app knows from here on is what this launch reports.
     for (const auto& [id, jws] : snapshot.all) told.signedForms[id] = jws;
     told.mayHaveChanged.clear();
-    pendingRequests.clear();
-    std::vector<std::uint64_t> unfinished = snapshot.unfinished, refundable;
+    std::vector<Id> pendingRequests, refundable;
     for (const auto& [id, entry] : snapshot.store) {
-      if (entry.at("pendingAskToBuyConfirmation").as_bool()) pendingRequests.insert(id);
-      if (!entry.at("revoked").as_bool() && entry.at("state") == "purchased") refundable.push_back(id);
+      if (entry.at("pendingAskToBuyConfirmation").as_bool()) pendingRequests.push_back(id);
+      if (!entry.at("revoked").as_bool() && entry.at("state") == "purchased")
+        refundable.push_back(id);
     }
 
-    // The mixed stream, sent without waiting; the kill lands somewhere in it.
-    std::map<std::string, std::string> operations;  // id -> what it does
-    // An upgrade or a renewal signs the subscription before it again, a renewal made in this
-    // very launch included.
+    // The mixed stream, sent without waiting; the kill lands somewhere in it. An upgrade or a
+    // renewal signs the subscription before it again, a renewal made in this launch included.
+    std::map<std::string, json::value> operations;  // id -> what was sent
     bool subscriptionsMayChange = false;
     const int count = 1 + pick(12);
     for (int n = 0; n < count; ++n) {
       const std::string id = "op" + std::to_string(n);
+      const auto send = [&](const std::string& key, const std::string& members) {
+        const auto line = R"({"id":")" + key + R"(",)" + members + "}";
+        operations[key] = json::parse(line);
+        driver.send(line);
+      };
+      const auto purchase = [&](const std::string& product) {
+        send(id, R"("call":"Purchase","payload":{"productId":")" + product + R"("})");
+      };
       const int kind = pick(20);
-      std::string line;
       if (kind < 7) {
-        line = R"({"id":")" + id + R"(","call":"Purchase","payload":{"productId":")" +
-               kOneTimeProducts[static_cast<std::size_t>(pick(5))] + R"("}})";
+        purchase(pickFrom(kOneTimeProducts));
       } else if (kind < 10) {
-        line = R"({"id":")" + id + R"(","call":"Purchase","payload":{"productId":")" +
-               kSubscriptions[static_cast<std::size_t>(pick(2))] + R"("}})";
+        purchase(pickFrom(kSubscriptions));
         subscriptionsMayChange = true;
-      } else if (kind < 14 && !unfinished.empty()) {
-        const auto target = unfinished[static_cast<std::size_t>(pick(static_cast<int>(unfinished.size())))];
-        line = R"({"id":")" + id + R"(","call":"FinishTransaction","payload":{"transactionId":)" +
-               std::to_string(target) + "}}";
+      } else if (kind < 14 && !snapshot.unfinished.empty()) {
+        send(id, R"("call":"FinishTransaction","payload":{"transactionId":)" +
+                     std::to_string(pickFrom(snapshot.unfinished)) + "}");
       } else if (kind < 16 && !refundable.empty()) {
-        const auto target = refundable[static_cast<std::size_t>(pick(static_cast<int>(refundable.size())))];
-        line = R"({"id":")" + id + R"(","store":"refundTransaction","identifier":)" +
-               std::to_string(target) + "}";
+        const auto target = pickFrom(refundable);
+        send(id, R"("store":"refundTransaction","identifier":)" + std::to_string(target));
         told.mayHaveChanged.insert(target);
       } else if (kind < 17) {
-        operations[id + "-on"] = R"({"id":")" + id + R"(-on","store":"askToBuyEnabled","value":true})";
-        driver.send(operations[id + "-on"]);
-        line = R"({"id":")" + id + R"(","call":"Purchase","payload":{"productId":")" +
-               kOneTimeProducts[static_cast<std::size_t>(pick(5))] + R"("}})";
-        operations[id + "-off"] = R"({"id":")" + id + R"(-off","store":"askToBuyEnabled","value":false})";
+        send(id + "-on", R"("store":"askToBuyEnabled","value":true)");
+        purchase(pickFrom(kOneTimeProducts));
+        send(id + "-off", R"("store":"askToBuyEnabled","value":false)");
       } else if (kind < 19 && !pendingRequests.empty()) {
-        const auto target = *pendingRequests.begin();
-        pendingRequests.erase(target);
-        line = R"({"id":")" + id + R"(","store":"approveAskToBuyTransaction","identifier":)" +
-               std::to_string(target) + "}";
+        const auto target = pendingRequests.back();
+        pendingRequests.pop_back();
+        send(id, R"("store":"approveAskToBuyTransaction","identifier":)" + std::to_string(target));
         told.mayHaveChanged.insert(target);
       } else {
-        line = R"({"id":")" + id + R"(","store":"advanceTime","seconds":2678400})";
+        send(id, R"("store":"advanceTime","seconds":2678400)");
         subscriptionsMayChange = true;
       }
-      driver.send(line);
-      if (const auto off = operations.find(id + "-off"); off != operations.end()) {
-        driver.send(off->second);
-      }
-      operations[id] = line;
     }
     std::this_thread::sleep_for(std::chrono::microseconds(pick(30000)));
     driver.kill();
 
     // What the app was told before the kill: the transactions handed to it in answers and
     // events, and the finishes answered with success.
-    const auto lines = driver.lines();
-    for (const auto& line : lines) {
+    for (const auto& line : driver.lines()) {
       if (const auto event = eventPayload(line)) {
         told.handed(*event);
         continue;
       }
-      const auto parsed = json::parse(line).as_object();
-      const auto id = std::string(parsed.at("id").as_string());
+      const auto answer = json::parse(line).as_object();
+      const auto id = std::string(answer.at("id").as_string());
       if (!id.starts_with("op")) continue;
       ++answeredOperations;
-      const auto* envelope = parsed.if_contains("envelope");
+      const auto* envelope = answer.if_contains("envelope");
       const auto* success = envelope ? envelope->as_object().if_contains("success") : nullptr;
       if (!success) continue;
-      const auto sent = json::parse(operations.at(id)).as_object();
-      if (sent.at("call") == "Purchase") {
-        told.handed(success->at("transaction").as_object());
-      } else if (sent.at("call") == "FinishTransaction") {
-        told.finished.insert(sent.at("payload").at("transactionId").to_number<std::uint64_t>());
+      const auto& sent = operations.at(id);
+      if (sent.at("call") == "Purchase") told.handed(success->at("transaction"));
+      if (sent.at("call") == "FinishTransaction") {
+        told.finished.insert(sent.at("payload").at("transactionId").to_number<Id>());
       }
     }
     if (subscriptionsMayChange) {

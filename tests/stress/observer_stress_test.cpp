@@ -46,7 +46,7 @@ struct Book {
   // another time may come from a loop's end, whose cancellation is asked before its callbacks
   // run, while the test goes on storing newer counts.
   std::atomic<bool> stopping{false};
-  std::mutex mutex;                  // guards loops and wrongEvents
+  std::mutex mutex;  // guards loops and wrongEvents
   std::vector<std::unique_ptr<Loop>> loops;
   std::size_t wrongEvents = 0;
 
@@ -105,7 +105,8 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
     }
   });
   std::mt19937 random(2024);  // each phase lasts a random number of updates
-  auto waitForUpdates = [&](std::size_t count) {
+  auto waitForUpdates = [&](std::size_t most) {
+    const std::size_t count = std::uniform_int_distribution<std::size_t>(0, most)(random);
     std::unique_lock lock(paceMutex);
     const std::size_t target = std::min(kUpdates, book->made.load() + count);
     paced.wait(lock, [&] { return book->made.load() >= target; });
@@ -113,7 +114,7 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
   while (book->made.load() < kUpdates) {
     book->madeBeforeStopping.store(book->made.load());
     EXPECT_EQ(call("StartTransactionObserver"), R"({"success":{}})");
-    waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 64)(random));
+    waitForUpdates(64);
     book->madeBeforeStopping.store(book->made.load());
     {
       std::lock_guard lock(book->mutex);
@@ -124,7 +125,7 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
     }
     EXPECT_EQ(call("StopTransactionObserver"), R"({"success":{}})");
     book->stopping.store(false);
-    waitForUpdates(std::uniform_int_distribution<std::size_t>(0, 8)(random));
+    waitForUpdates(8);
   }
   pusher.join();
   // Short rounds until every loop has emitted all it received (a sequence ending fails one).
@@ -137,44 +138,35 @@ TEST_F(ObserverStress, EachLoopEmitsEveryUpdateItReceivedOnceAndInOrder) {
 
   std::lock_guard lock(book->mutex);
   EXPECT_EQ(book->wrongEvents, 0u);
-  for (std::size_t i = 1; i < kUpdates; ++i)
-    ASSERT_EQ(ids[i], ids[0] + i) << "updates are not consecutive";
-  std::size_t emitted = 0, broken = 0, cutShort = 0;
+  for (std::size_t i = 1; i < kUpdates; ++i) ASSERT_EQ(ids[i], ids[0] + i) << "not consecutive";
   // The first offending loops, described well enough to tell a lost event from a late stop.
+  std::size_t emitted = 0, broken = 0, cutShort = 0;
   std::string evidence;
-  const auto describe = [&](std::size_t index, const Loop& loop, const char* what) {
-    if (broken + cutShort > 5) return;
-    const auto& run = loop.ids;
-    evidence += "\n  loop " + std::to_string(index) + " " + what + ": " +
-                std::to_string(run.size()) + " events, updates " +
-                (run.empty() ? std::string("-")
-                             : std::to_string(run.front() - ids[0]) + ".." +
-                                   std::to_string(run.back() - ids[0])) +
-                ", updates made when it was stopped: " +
-                (loop.madeBeforeCancel.load() == kUnknown
-                     ? std::string("unknown")
-                     : std::to_string(loop.madeBeforeCancel.load()));
-  };
   for (std::size_t index = 0; index < book->loops.size(); ++index) {
-    const auto& loop = book->loops[index];
-    const auto& run = loop->ids;
+    const auto& run = book->loops[index]->ids;
+    const std::size_t cancelledAt = book->loops[index]->madeBeforeCancel.load();
     emitted += run.size();
     const auto gap = [](std::uint64_t a, std::uint64_t b) { return b != a + 1; };
-    if (std::adjacent_find(run.begin(), run.end(), gap) != run.end() ||
-        (!run.empty() && (run.front() < ids[0] || run.back() > ids.back()))) {
-      describe(index, *loop, "not one unbroken run");
-      ++broken;
+    const bool unbroken = std::adjacent_find(run.begin(), run.end(), gap) == run.end() &&
+                          (run.empty() || (run.front() >= ids[0] && run.back() <= ids.back()));
+    const bool shortOfCancel = cancelledAt != kUnknown && !run.empty() &&
+                               run.front() - ids[0] < cancelledAt &&
+                               run.back() - ids[0] + 1 < cancelledAt;
+    if ((!unbroken || shortOfCancel) && broken + cutShort < 6) {
+      evidence += "\n  loop " + std::to_string(index) + (unbroken ? " cut short: " : " broken: ") +
+                  std::to_string(run.size()) + " events" +
+                  (run.empty() ? ""
+                               : ", updates " + std::to_string(run.front() - ids[0]) + ".." +
+                                     std::to_string(run.back() - ids[0])) +
+                  ", updates made when it was stopped: " +
+                  (cancelledAt == kUnknown ? "unknown" : std::to_string(cancelledAt));
     }
-    const std::size_t cancelledAt = loop->madeBeforeCancel.load();
-    if (cancelledAt != kUnknown && !run.empty() && run.front() - ids[0] < cancelledAt &&
-        run.back() - ids[0] + 1 < cancelledAt) {
-      describe(index, *loop, "cut short");
-      ++cutShort;
-    }
+    broken += !unbroken;
+    cutShort += shortOfCancel;
   }
   EXPECT_EQ(broken, 0u) << "loops whose events are not one unbroken run of updates" << evidence;
-  EXPECT_EQ(cutShort, 0u) << "loops that ended short of their cancellation" << evidence
-                          << "\n  of " << book->loops.size() << " loops, " << emitted << " events";
+  EXPECT_EQ(cutShort, 0u) << "loops that ended short of their cancellation" << evidence << "\n  of "
+                          << book->loops.size() << " loops, " << emitted << " events";
   EXPECT_GT(emitted, 0u);
 }
 

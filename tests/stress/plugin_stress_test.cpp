@@ -63,6 +63,15 @@ void hammer(
             static_cast<std::ptrdiff_t>(answers.size()));
 }
 
+// A dispatcher with the plug-in over `adapter` registered, on a queue of its own.
+std::unique_ptr<TeskBridgeDispatcher> dispatcherOver(std::shared_ptr<ScriptedAdapter> adapter) {
+  auto dispatcher = std::make_unique<TeskBridgeDispatcher>();
+  dispatcher->registerPlugin("AppleStoreKitService",
+                             std::make_shared<AppleStoreKitServicePlugin>(
+                                 adapter, std::make_shared<platform::SerialQueue>("stress")));
+  return dispatcher;
+}
+
 TEST(PluginStress, AMillionCallsFromEightThreadsAreEachAnsweredOnceInTheirThreadsOrder) {
   auto adapter = std::make_shared<ScriptedAdapter>();
   std::atomic<int> running{0};
@@ -73,27 +82,19 @@ TEST(PluginStress, AMillionCallsFromEightThreadsAreEachAnsweredOnceInTheirThread
     if (request.transactionId % 2 == 1) return TransactionNotFound{};
     return FinishTransactionResponse{};
   };
-  TeskBridgeDispatcher dispatcher;
-  dispatcher.registerPlugin("AppleStoreKitService",
-                            std::make_shared<AppleStoreKitServicePlugin>(
-                                adapter, std::make_shared<platform::SerialQueue>("stress")));
   hammer(
-      dispatcher, 8, 1'000'000 / 8,
+      *dispatcherOver(adapter), 8, 1'000'000 / 8,
       [](std::size_t n) -> Call {
-        switch (n % 4) {
-          case 0:
-            return {"GetStorefront", "{}", R"({"success":{"countryCode":"","identifier":""}})"};
-          case 1:
-            return {"FinishTransaction", R"({"transactionId":)" + std::to_string(n / 4) + "}",
-                    n / 4 % 2 == 1 ? R"({"outcome":{"code":"transaction_not_found","data":{}}})"
-                                   : R"({"success":{}})"};
-          case 2:
-            return {"Sync", "[]", R"({"success":{}})"};
-          default:
-            return {
-                "Refund", "{}",
-                R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: Refund"}})"};
-        }
+        const auto id = n / 4;  // of the finish; odd ones are not found
+        const Call calls[] = {
+            {"GetStorefront", "{}", R"({"success":{"countryCode":"","identifier":""}})"},
+            {"FinishTransaction", R"({"transactionId":)" + std::to_string(id) + "}",
+             id % 2 == 1 ? R"({"outcome":{"code":"transaction_not_found","data":{}}})"
+                         : R"({"success":{}})"},
+            {"Sync", "[]", R"({"success":{}})"},
+            {"Refund", "{}",
+             R"({"error":{"code":"UNIMPLEMENTED","message":"Unknown ASYNC method: Refund"}})"}};
+        return calls[n % 4];
       },
       true);
   EXPECT_FALSE(overlapped.load());
@@ -121,10 +122,8 @@ TEST(PluginStress, CancellationsRacingTheirCallsReachTheAdapterOnceAndEveryCallI
     cancelled.insert(id);
     changed.notify_all();
   };
-  TeskBridgeDispatcher dispatcher;
-  dispatcher.registerPlugin("AppleStoreKitService",
-                            std::make_shared<AppleStoreKitServicePlugin>(
-                                adapter, std::make_shared<platform::SerialQueue>("stress")));
+  const auto owned = dispatcherOver(adapter);
+  auto& dispatcher = *owned;
   const auto callFor = [](std::size_t n) -> Call {
     const auto id = std::to_string(n);
     return {"GetProducts", R"({"productIds":[")" + id + R"("]})",

@@ -30,11 +30,16 @@ struct DriverRun {
   std::string errors;              // standard error
 };
 
-inline std::string takeFile(const std::string& path) {
+inline std::string readFile(const std::string& path) {
   std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  std::filesystem::remove(path);
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
+}
+
+inline std::string takeFile(const std::string& path) {
+  const auto text = readFile(path);
+  std::filesystem::remove(path);
+  return text;
 }
 
 // Runs the driver with `arguments`, the `input` lines as its standard input, until it exits

@@ -20,10 +20,13 @@ namespace testsupport {
 
 namespace json = boost::json;
 using std::chrono::milliseconds;
+using Ids = std::vector<std::int64_t>;
 
 const std::string kBasic = "com.vorntesk.sample.basic.monthly";  // pay as you go for 3 months
 const std::string kPro = "com.vorntesk.sample.pro.monthly";      // a week's free trial
 const std::string kGroup = "21500001";
+const std::vector<std::string> kPlans = {"--config",
+                                         VORNTESK_SOURCE_DIR "/tests/tools/data/plans.storekit"};
 
 // A Server Notification as a developer's server reads it: type, subtype ("" for none) and the
 // subscription's status (0 for none).
@@ -37,26 +40,40 @@ struct Notice {
 };
 using Notices = std::vector<Notice>;
 
-// Where the sessions' notifications go: nothing listens there, so they stay in the outbox.
-inline const std::string kNowhere = "http://127.0.0.1:9/notifications";
+// An RFC 3339 date of an answer in milliseconds since 1970.
+inline std::int64_t msOf(const json::value& date) {
+  return platform::millisecondsSince1970(*platform::parseRFC3339(date.as_string()));
+}
 
-// A driver session with numbered lines: each line's answer, and the update events so far.
+// The driver started with `arguments` and a notifications URL where nothing listens (so they
+// stay in the outbox), given the `settings` control lines (each the members after the id) and
+// its transaction observer started.
 class Session {
  public:
-  // The driver started with `arguments` (and a notifications URL), then given the `settings`
-  // control lines (each the members after the id) and its transaction observer started.
   explicit Session(const std::vector<std::string>& settings,
                    std::vector<std::string> arguments = {})
-      : driver_(withNotifications(std::move(arguments))) {
+      : driver_([&] {
+          arguments.insert(arguments.end(),
+                           {"--notifications-url", "http://127.0.0.1:9/notifications"});
+          return arguments;
+        }()) {
     for (const auto& line : settings) control(line);
     call("StartTransactionObserver");
   }
 
   json::value control(const std::string& membersAfterId) {
-    return ask(R"({"id":")" + nextID() + R"(",)" + membersAfterId + "}");
+    return ask(R"({"id":")" + std::to_string(++lastID_) + R"(",)" + membersAfterId + "}");
+  }
+  // The control `name` on transaction `identifier`.
+  json::value control(const std::string& name, std::int64_t identifier) {
+    return control(R"("store":")" + name + R"(","identifier":)" + std::to_string(identifier));
   }
   json::value call(const std::string& method, const std::string& payload = "{}") {
-    return ask(R"({"id":")" + nextID() + R"(","call":")" + method + R"(","payload":)" + payload + "}");
+    return control(R"("call":")" + method + R"(","payload":)" + payload);
+  }
+  // The success answer of a Purchase of `productID`.
+  json::value purchase(const std::string& productID) {
+    return call("Purchase", R"({"productId":")" + productID + R"("})").at("envelope").at("success");
   }
   void advance(milliseconds amount) {
     control(R"("store":"advanceTime","seconds":)" + std::to_string(amount.count() / 1000.0));
@@ -67,8 +84,8 @@ class Session {
     EXPECT_EQ(statuses.size(), 1u);
     return statuses.empty() ? json::object{} : statuses[0].as_object();
   }
-  std::vector<std::int64_t> entitlements() {
-    std::vector<std::int64_t> ids;
+  Ids entitlements() {
+    Ids ids;
     const auto answer = call("GetCurrentEntitlements");
     for (const auto& t : answer.at("envelope").at("success").at("transactions").as_array()) {
       ids.push_back(t.at("id").as_int64());
@@ -82,23 +99,23 @@ class Session {
     const auto& made = answer.at("notifications").as_array();
     for (; seenNotices_ < made.size(); ++seenNotices_) {
       const auto& payload = made[seenNotices_].at("payload").as_object();
-      Notice notice{std::string(payload.at("notificationType").as_string()), "", 0};
-      if (const auto* subtype = payload.if_contains("subtype")) notice.subtype = subtype->as_string();
+      Notice& notice = notices.emplace_back();
+      notice.type = payload.at("notificationType").as_string();
+      if (const auto* subtype = payload.if_contains("subtype"))
+        notice.subtype = subtype->as_string();
       const auto* data = payload.if_contains("data");
       const auto* status = data ? data->as_object().if_contains("status") : nullptr;
       if (status) notice.status = status->as_int64();
-      notices.push_back(std::move(notice));
     }
     return notices;
   }
-
   // The transactions of the update events printed since the last call of this.
   std::vector<json::object> newEvents() {
     std::vector<json::object> events;
     const auto lines = driver_.lines();
     const std::string prefix = R"({"event":"AppleStoreKitService.OnTransactionUpdate","payload":)";
     for (; seenLines_ < lines.size(); ++seenLines_) {
-      if (lines[seenLines_].rfind(prefix, 0) == 0) {
+      if (lines[seenLines_].starts_with(prefix)) {
         events.push_back(json::parse(lines[seenLines_]).at("payload").as_object());
       }
     }
@@ -106,11 +123,6 @@ class Session {
   }
 
  private:
-  static std::vector<std::string> withNotifications(std::vector<std::string> arguments) {
-    arguments.insert(arguments.end(), {"--notifications-url", kNowhere});
-    return arguments;
-  }
-  std::string nextID() { return std::to_string(++lastID_); }
   json::value ask(const std::string& line) {
     driver_.send(line);
     const auto answer = driver_.waitForAnswer(std::to_string(lastID_));
@@ -140,13 +152,10 @@ struct Bought {
   milliseconds period;
 };
 inline Bought buy(Session& session, const std::string& productID = kBasic) {
-  const auto answer =
-      session.call("Purchase", R"({"productId":")" + productID + R"("})").at("envelope").at("success");
+  const auto answer = session.purchase(productID);
   const auto& t = answer.at("transaction");
-  const auto date = [&](const char* key) {
-    return platform::millisecondsSince1970(*platform::parseRFC3339(t.at(key).as_string()));
-  };
-  return {t.at("id").as_int64(), milliseconds(date("expirationDate") - date("purchaseDate"))};
+  return {t.at("id").as_int64(),
+          milliseconds(msOf(t.at("expirationDate")) - msOf(t.at("purchaseDate")))};
 }
 
 }  // namespace testsupport
