@@ -1,13 +1,8 @@
 // Apple's App Store Server Library (from npm, in the build tree) reads what the driver signs as
-// we wrote it, verified against the root it exports: transactions across a relaunch, renewal
-// info, the App Store Server API's answers and the Server Notifications.
+// we wrote it, verified against the root it exports: transactions, renewal info, the App Store
+// Server API's answers and the Server Notifications.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -22,6 +17,7 @@
 #include "storekit/jws.h"
 #include "support/driver_process.h"
 #include "support/notification_receiver.h"
+#include "interop/node_packages.h"
 
 namespace storekit {
 namespace {
@@ -29,11 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 namespace json = boost::json;
 
-std::string readFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
+using testsupport::readFile;
 
 int run(const std::string& command) { return std::system(command.c_str()); }
 
@@ -47,33 +39,20 @@ std::string derOfPEM(const std::string& pem) {
   return platform::base64Decode(base64).value_or("");
 }
 
-// The library, installed once per build tree, and verify.cjs beside it.
+// The library, installed once per build tree, and the scripts that drive it beside it.
 class AppStoreServerLibrary : public ::testing::Test {
  protected:
   void SetUp() override {
-    fs::create_directories(dir_);
-    for (const char* file : {"package.json", "verify.cjs", "server_client.cjs", "notifications.cjs"}) {
-      fs::copy_file(fs::path(VORNTESK_SOURCE_DIR "/tests/interop") / file, dir_ / file,
-                    fs::copy_options::overwrite_existing);
+    const auto failure = testsupport::installNodePackages(
+        VORNTESK_SOURCE_DIR "/tests/interop", dir_,
+        {"package.json", "verify.cjs", "server_client.cjs", "notifications.cjs"},
+        "@apple/app-store-server-library");
+    if (failure && run("npm ping > /dev/null 2>&1") != 0) {
+      GTEST_SKIP() << "SKIPPED: the npm registry cannot be reached, so Apple's "
+                      "@apple/app-store-server-library could not be installed. npm said:\n"
+                   << *failure;
     }
-    // The tests of this program may run at once: one installs while the others wait.
-    const int lock = ::open((dir_ / "install.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    ASSERT_GE(lock, 0);
-    lock_ = lock;
-    for (int i = 0; i < 600 && ::flock(lock, LOCK_EX | LOCK_NB) != 0; ++i) ::sleep(1);
-    if (!fs::exists(dir_ / "node_modules/@apple/app-store-server-library/package.json") &&
-        run("cd '" + dir_.string() +
-            "' && npm install --no-audit --no-fund --loglevel=error > npm-install.log 2>&1") != 0) {
-      const auto failure = readFile(dir_ / "npm-install.log");
-      if (run("npm ping > /dev/null 2>&1") != 0) {
-        GTEST_SKIP() << "SKIPPED: the npm registry cannot be reached, so Apple's "
-                        "@apple/app-store-server-library could not be installed. npm said:\n"
-                     << failure;
-      }
-      FAIL() << "npm install failed although the registry answers:\n" << failure;
-    }
-    ::close(lock_);
-    lock_ = -1;
+    ASSERT_FALSE(failure) << "npm install failed although the registry answers:\n" << *failure;
   }
 
   // What SignedDataVerifier makes of each item of `input` (see verify.cjs), under `name`.
@@ -136,14 +115,12 @@ class AppStoreServerLibrary : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (lock_ >= 0) ::close(lock_);
     if (!temp_.empty()) fs::remove_all(temp_);
   }
 
   static constexpr const char* kIssuer = "57246542-96fe-1a63-e053-0824d011072a";
   const fs::path dir_ = fs::path(VORNTESK_BINARY_DIR) / "interop";
   fs::path temp_;
-  int lock_ = -1;
 };
 
 std::string purchaseLine(const char* productID) {

@@ -77,7 +77,7 @@ TEST_F(ApiRoutesTest, RoutingDecisionsReachTheEndpointThatAnswersThem) {
 }
 
 // A path no endpoint has is not found; a known one asked with a method it does not take names
-// the methods it takes.
+// the methods it takes (more of these, over HTTP, in api_errors_test).
 TEST_F(ApiRoutesTest, UnknownPathsAreNotFoundAndOtherMethodsAreNamed) {
   const std::string id = coins_;
   const struct {
@@ -86,36 +86,21 @@ TEST_F(ApiRoutesTest, UnknownPathsAreNotFoundAndOtherMethodsAreNamed) {
     const char* allow;  // "" for 404
   } cases[] = {
       {"GET", "", ""},
-      {"GET", "/", ""},
       {"GET", "/inApps", ""},
       {"GET", "/inapps/v1/transactions/" + id, ""},
-      {"GET", "/inApps/V1/transactions/" + id, ""},
-      {"GET", "/inApps/v1/Transactions/" + id, ""},
       {"GET", "/inApps/v1/transactions/" + id + "/", ""},
       {"GET", "/inApps/v1/transactions/", ""},
       {"GET", "//inApps/v1/transactions/" + id, ""},
       {"GET", "inApps/v1/transactions/" + id, ""},
-      {"GET", "http://localhost/inApps/v1/transactions/" + id, ""},
       {"POST", "/inApps/v1/transactions//finish", ""},
       {"POST", "/inApps/v1/transactions/" + id + "/finish/now", ""},
       {"POST", "/inApps/v1/notifications/tests", ""},
-      {"GET", "/inApps/v3/history/" + id, ""},
-      {"GET", "/inApps/v1/refund/lookup/" + id, ""},
       {"GET", "/inApps/v1/subscriptions/extend/mass/" + id, ""},
       {"GET", "/inApps/v1/subscriptions/extend/mass/a/b/c", ""},
       {"DELETE", "/inApps/v1/notifications", ""},
-      {"BREW", "/coffee", ""},
-      {"POST", "/inApps/v1/transactions/" + id, "GET, HEAD"},
       {"get", "/inApps/v1/transactions/" + id, "GET, HEAD"},
       {"GET", "/inApps/v1/transactions/" + id + "/finish", "POST"},
-      {"DELETE", "/inApps/v1/transactions/" + id + "/appAccountToken", "PUT"},
-      {"GET", "/inApps/v1/notifications/test", "POST"},
-      {"PUT", "/inApps/v1/notifications/history", "POST"},
-      {"HEAD", "/inApps/v1/notifications/history", "POST"},
-      {"PATCH", "/inApps/v2/transactions/consumption/" + id, "PUT"},
-      {"DELETE", "/inApps/v1/subscriptions/extend/" + id, "PUT"},
       {"GET", "/inApps/v1/subscriptions/extend/mass", "POST, PUT"},
-      {"POST", "/inApps/v1/subscriptions/" + id, "GET, HEAD"},
       {"PUT", "/inApps/v1/subscriptions/extend/mass/a/b", "GET, HEAD"},
       {"PUT", "/inApps/v1/transactions/appTransactions/finish", "GET, HEAD, POST"},
   };
