@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -14,6 +15,7 @@
 #include "platform/base64.h"
 #include "platform/date.h"
 #include "appstore/local_store.h"
+#include "appstore/order_ids.h"
 #include "storekit/jws.h"
 #include "support/driver_process.h"
 #include "support/notification_receiver.h"
@@ -232,6 +234,20 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientCallsEveryEndpoint) {
           {R"({"id":"x","store":"refundTransaction","identifier":3})",
            R"({"id":"r","store":"forceRenewalOfSubscription","productID":"com.vorntesk.sample.basic.monthly"})",
            R"({"id":"f","store":"shareWithFamily","productID":"com.vorntesk.sample.offlinemaps"})"});
+  // Order ids as a customer would quote them: the account's purchases, refunded or renewed,
+  // are orders; a family member's purchase (7) is not this account's, and is not listed.
+  const auto listing = driver->ask(R"({"id":"l","store":"allTransactions"})");
+  ASSERT_TRUE(listing);
+  const auto listed = json::parse(*listing);
+  std::map<std::string, std::string> orderOf;
+  for (const auto& t : listed.at("transactions").as_array()) {
+    if (const auto* order = t.as_object().if_contains("orderID")) {
+      orderOf[std::to_string(t.at("identifier").as_int64())] = order->as_string().c_str();
+    }
+  }
+  ASSERT_EQ(orderOf.size(), 6u) << *listing;
+  const json::array orders{orderOf["2"], orderOf["3"], orderOf["6"],
+                           appstore::orderIDForTransaction(7), "MZZZZZZZZZ", "order-2"};
   const std::string token = "5c0f8d61-2a3e-4b7f-9a51-0d9e2f3c4b5a";
   const std::string massID = "0b9a6c1e-7d44-4d8e-8f2a-6e5d4c3b2a19";
   const json::array asked{"1", "2", "4", "5", "99", "x1"};
@@ -241,7 +257,7 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientCallsEveryEndpoint) {
                   {{"transactionIds", asked},  // the first finished through the server
                    {"endpoints",
                     {{"anyId", "4"}, {"subscriptionId", "4"}, {"consumableId", "2"}, {"token", token},
-                     {"massRequestIdentifier", massID},
+                     {"massRequestIdentifier", massID}, {"orderIds", orders},
                      {"massProductId", "com.vorntesk.sample.basic.monthly"}}}}),
       "server-endpoints");
   ASSERT_TRUE(printed.is_object() && printed.as_object().contains("endpoints")) << json::serialize(printed);
@@ -289,6 +305,12 @@ TEST_F(AppStoreServerLibrary, ItsAPIClientCallsEveryEndpoint) {
   EXPECT_EQ(out.at("mass").at("requestIdentifier"), json::value(massID));
   EXPECT_EQ(out.at("massStatus").at("succeededCount"), 1);
   EXPECT_EQ(out.at("massStatusUnknown").at("apiError"), 4040009);
+  const json::array found = out.at("orders").as_array();
+  const json::array expected = json::parse(
+      R"([{"status":0,"transactionIds":["2"]},{"status":0,"transactionIds":["3"]},
+          {"status":0,"transactionIds":["6"]},{"status":1,"transactionIds":[]},
+          {"status":1,"transactionIds":[]},{"status":1,"transactionIds":[]}])").as_array();
+  EXPECT_EQ(found, expected) << json::serialize(found);
 }
 
 // Every notification the store sends passes Apple's verifier as its client reads them back

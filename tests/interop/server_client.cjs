@@ -95,6 +95,15 @@ async function endpoints(client, verifier, ask) {
   } catch (error) {
     out.massStatusUnknown = failure(error);
   }
+  out.orders = [];
+  for (const orderId of ask.orderIds ?? []) {
+    const found = await client.lookUpOrderId(orderId);
+    const transactionIds = [];
+    for (const jws of found.signedTransactions ?? []) {
+      transactionIds.push((await verifier.verifyAndDecodeTransaction(jws)).transactionId);
+    }
+    out.orders.push({ status: found.status, transactionIds });
+  }
   const after = await client.getAllSubscriptionStatuses(ask.subscriptionId);
   out.afterExtensions = await verifier.verifyAndDecodeTransaction(
     after.data[0].lastTransactions[0].signedTransactionInfo);
