@@ -183,31 +183,25 @@ TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndAnUpgradeReplaces
   EXPECT_FALSE(transactionOf(all.back())->offer());  // no second introductory offer in the group
 }
 
-TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
+// (Interrupted purchases resolved: tests/tools/subscription_changes_test.cpp.)
+TEST_F(StoreTest, AskToBuyRequestsArriveOnUpdatesOnceApproved) {
   auto updates = Transaction::updates();
   store_->setAskToBuyEnabled(true);
   for (const auto& id : {kRemoveAds, kCoins}) {
     EXPECT_TRUE(std::holds_alternative<PurchaseResult::Pending>(
         Product::products({id}).at(0).purchase().value));
   }
-  store_->setAskToBuyEnabled(false);
-  store_->setInterruptedPurchasesEnabled(true);
-  EXPECT_TRUE(std::holds_alternative<PurchaseResult::UserCancelled>(
-      Product::products({kSeasonPass}).at(0).purchase().value));
   const auto history = store_->allTransactions();
-  ASSERT_EQ(history.size(), 3u);
+  ASSERT_EQ(history.size(), 2u);
   EXPECT_TRUE(history[0].pendingAskToBuyConfirmation && !transactionOf(history[0]));
-  EXPECT_TRUE(history[2].hasPurchaseIssue);
   expectLists({}, {}, {});
 
   store_->declineAskToBuyTransaction(history[1].identifier);
   EXPECT_TRUE(quiet(updates));
   store_->approveAskToBuyTransaction(history[0].identifier);
   EXPECT_EQ(next(updates).productID(), kRemoveAds);
-  store_->resolveIssueForTransaction(history[2].identifier);
-  EXPECT_EQ(next(updates).productID(), kSeasonPass);
-  const IDs both{history[0].identifier, history[2].identifier};
-  expectLists(both, both, both);
+  const IDs approved{history[0].identifier};
+  expectLists(approved, approved, approved);
 }
 
 // (Promotional offers bought outside the app: tests/tools/store_controls_test.cpp.)
