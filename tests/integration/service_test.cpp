@@ -1,6 +1,6 @@
 // The registered service end to end: calls through the host's dispatcher against a store
-// loaded from a .storekit file, the exact envelopes a host receives, and the update events
-// that changes made outside the app produce. (Store errors: fault_injection_test.cpp.)
+// loaded from a .storekit file, and the exact envelopes a host receives. (Store errors:
+// fault_injection_test.cpp; update events: tests/tools, tests/stress.)
 #include "support/store_service.h"
 
 #include <gtest/gtest.h>
@@ -145,36 +145,6 @@ TEST_F(ServiceTest, SyncStorefrontAndTheObserverAnswerWhatTheStoreSays) {
             R"({"outcome":{"code":"already_started","data":{}}})");
   EXPECT_EQ(call("StopTransactionObserver"), kSuccess);
   EXPECT_EQ(call("StopTransactionObserver"), kSuccess);
-}
-
-TEST_F(ServiceTest, ChangesMadeOutsideTheAppArriveAsUpdateEvents) {
-  EventLog events;
-  ASSERT_EQ(call("StartTransactionObserver"), kSuccess);
-  store->setAskToBuyEnabled(true);
-  ASSERT_EQ(call("Purchase", buy(kCoins)), R"({"outcome":{"code":"pending","data":{}}})");
-  store->setAskToBuyEnabled(false);
-  const auto asked = store->allTransactions().at(0).identifier;
-  store->approveAskToBuyTransaction(asked);
-  const auto outside = store->buyProduct(kRemoveAds).id;
-  // The app's own purchase is answered, not announced; its renewal is announced.
-  const auto trial = purchase(kPro);
-  store->advanceTime(std::chrono::milliseconds(std::chrono::hours(24 * 8)));
-  store->refundTransaction(outside, storekit::Transaction::RevocationReason::developerIssue().rawValue);
-
-  const auto got = events.waitFor(4);
-  ASSERT_EQ(got.size(), 4u);
-  std::vector<json::value> records;
-  for (const auto& event : got) {
-    EXPECT_EQ(event.name, "AppleStoreKitService.OnTransactionUpdate");
-    records.push_back(json::parse(event.payload));
-  }
-  EXPECT_EQ(records[0].at("id"), asked);
-  EXPECT_EQ(records[1].at("id"), outside);  // as bought; refunded since
-  EXPECT_EQ(records[2].at("originalId"), trial);
-  EXPECT_EQ(records[2].at("transactionReason"), 2);
-  EXPECT_EQ(records[3].at("id"), outside);
-  EXPECT_EQ(records[3].at("revocationReason"), 1);
-  for (int i : {0, 2, 3}) expectRecordOf(*store, records[i]);
 }
 
 }  // namespace

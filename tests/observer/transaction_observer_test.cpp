@@ -1,5 +1,6 @@
 // The transaction observer against a simulated store: unverified updates forwarded, a record
-// that cannot be written dropped with one log line, calls and restarts all at once.
+// that cannot be written dropped with one log line. (Restarts racing the store's updates, each
+// update forwarded once: tests/stress/observer_stress_test.cpp.)
 #include "observer/transaction_observer.h"
 #include "platform/logger.h"
 #include "storekit/device.h"
@@ -7,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-#include <thread>
 
 namespace {
 
@@ -59,49 +58,6 @@ TEST_F(ObserverTest, UpdatesAreForwardedVerifiedOrNotAndUnwritableOnesDroppedWit
   EXPECT_EQ(line.subsystem + " " + line.category + ": " + line.message,
             "com.qubrixplatform.vorntesk.payments.addon.apple TransactionObserver: "
             "OnTransactionUpdate payload encoding failed; dropping the event");
-}
-
-// Run under the thread sanitizer too.
-TEST_F(ObserverTest, CallsGoOnWhileTheObserverForwardsAndIsRestarted) {
-  const std::string ok = R"({"success":{}})";
-  ASSERT_EQ(call("StartTransactionObserver"), ok);
-  // The observer subscribes from its own task. Until it has, the app's purchases would count
-  // as unfinished and come with the first sequence's replay, as on a device.
-  ASSERT_TRUE(storekit::Device::current()->waitUntilUpdatesDelivered(std::chrono::seconds(10), 1));
-  // Outside purchases from several threads while the app calls: each one forwarded once.
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 10; ++i) store->buyProduct(kCoins);
-    });
-  }
-  for (int i = 0; i < 10; ++i) {
-    EXPECT_NE(purchase(kCoins), 0u);
-    EXPECT_EQ(call("GetUnfinishedTransactions").rfind(R"({"success":{"transactions":[)", 0), 0u);
-  }
-  for (auto& thread : threads) thread.join();
-  const auto got = events.waitFor(30);
-  std::set<std::string> ids;  // each with an identifier of its own
-  for (const auto& e : got) ids.insert(json::serialize(json::parse(e.payload).at("id")));
-  EXPECT_EQ(got.size(), 30u);
-  EXPECT_EQ(ids.size(), 30u);
-
-  // Restarts through the plug-in and of a second observer, against outside purchases,
-  // renewals and the app's own calls.
-  threads.clear();
-  threads.emplace_back([&] {
-    for (int i = 0; i < 50; ++i) observer->start(), observer->stop();
-  });
-  threads.emplace_back([&] {
-    for (int i = 0; i < 20; ++i) store->buyProduct(kCoins), store->advanceTime(8 * 24 * 3600.0);
-  });
-  EXPECT_NE(purchase(kPro), 0u);
-  for (int i = 0; i < 30; ++i) {
-    EXPECT_EQ(call("StopTransactionObserver"), ok);
-    EXPECT_EQ(call("GetCurrentEntitlements").rfind(R"({"success":)", 0), 0u);
-    EXPECT_EQ(call("StartTransactionObserver"), ok);
-  }
-  for (auto& thread : threads) thread.join();
 }
 
 }  // namespace

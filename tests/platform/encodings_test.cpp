@@ -12,30 +12,6 @@
 namespace platform {
 namespace {
 
-TEST(Base64Test, CodesBothAlphabetsAndRejectsWhatNoEncoderWrites) {
-  // The URL-safe form drops the padding and differs in the last two symbols (the last pair).
-  const std::string_view plain[] = {"",     "f",     "fo",     "foo",
-                                    "foob", "fooba", "foobar", "\xFB\xEF\xBE\xFF\xFF"};
-  const std::string_view encodings[] = {"",         "Zg==",     "Zm8=",     "Zm9v",
-                                        "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy", "++++//8="};
-  for (std::size_t i = 0; i < std::size(plain); ++i) {
-    std::string url(encodings[i].substr(0, encodings[i].find('=')));
-    std::replace(url.begin(), url.end(), '+', '-');
-    std::replace(url.begin(), url.end(), '/', '_');
-    EXPECT_EQ(base64Encode(plain[i]), encodings[i]);
-    EXPECT_EQ(base64Decode(encodings[i]), std::string(plain[i]));
-    EXPECT_EQ(base64URLEncode(plain[i]), url);
-    EXPECT_EQ(base64URLDecode(url), std::string(plain[i]));
-  }
-  // "Zh" and "Zm9" leave non-zero bits after the last byte: no canonical encoding has them.
-  for (const char* text : {"Zm9v!", "Zm9", "Zg=", "Zg==Zg==", "Zm=v", "Zh==", "Zm9=", "----__8="}) {
-    EXPECT_EQ(base64Decode(text), std::nullopt) << text;
-  }
-  for (const char* text : {"Zg==", "Z", "Zh", "Zm9", "++++//8"}) {
-    EXPECT_EQ(base64URLDecode(text), std::nullopt) << text;
-  }
-}
-
 // Bit by bit, as the RFC describes it: the reference the table-driven coder is held to.
 std::string referenceEncoding(std::string_view bytes, std::string_view alphabet, bool pad) {
   std::string out;
@@ -89,6 +65,11 @@ TEST(Base64Test, EveryLengthAndByteRoundTripsAndEverySymbolOutsideTheAlphabetIsR
       ASSERT_EQ(base64URLDecode(loose), std::nullopt) << length;
     }
   }
+  // Lengths and padding no encoder writes, and loose bits in the standard form.
+  for (const char* text : {"Zm9", "Zg=", "Zg==Zg==", "Zh==", "Zm9="}) {
+    EXPECT_EQ(base64Decode(text), std::nullopt) << text;
+  }
+  for (const char* text : {"Z", "++++//8"}) EXPECT_EQ(base64URLDecode(text), std::nullopt) << text;
 }
 
 TEST(UTF8Test, AcceptsEveryLengthAndStopsBeforeOverlongSurrogateTooLargeOrCutSequences) {

@@ -1,14 +1,13 @@
-// Work across threads: SerialQueue, the elastic task pool with its stop tokens, the Logger sink.
+// Work across threads: the elastic task pool, the Logger sink. (SerialQueue's order, one
+// operation at a time: tests/stress/plugin_stress_test.cpp; a task's stop token ending the
+// observer's loop: tests/stress/observer_stress_test.cpp.)
 #include "platform/logger.h"
-#include "platform/serial_queue.h"
 #include "platform/task.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <latch>
-#include <numeric>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -25,31 +24,6 @@ bool eventually(Done done) {
   return done();
 }
 
-TEST(SerialQueueTest, RunsWorkOnOneThreadInOrderAndWorkQueuedByWorkAfterIt) {
-  // Many submitting threads at once: tests/stress (the plug-in's calls).
-  SerialQueue queue("com.vorn.test.fifo");
-  EXPECT_FALSE(queue.isCurrent());
-  std::vector<int> run;  // touched only by work on the queue
-  std::set<std::thread::id> workers;
-  std::atomic<bool> done{false};
-  std::latch queued(1);
-  queue.async([&] { queued.wait(); });
-  for (int i = 0; i < 1000; ++i) {
-    queue.async([&, i] {
-      if (queue.isCurrent()) run.push_back(i);
-      workers.insert(std::this_thread::get_id());
-      if (i == 0) queue.async([&] { run.push_back(-1), done = true; });
-    });
-  }
-  queued.count_down();
-  ASSERT_TRUE(eventually([&] { return done.load(); }));
-  std::vector<int> expected(1000);
-  std::iota(expected.begin(), expected.end(), 0);
-  expected.push_back(-1);
-  EXPECT_EQ(run, expected);
-  EXPECT_EQ(workers.size(), 1u);
-}
-
 TEST(TaskTest, BlockedTasksNeverStarveQueuedOnes) {
   // Every task blocks until the last one has started: far more than the pool starts eagerly.
   constexpr int kTasks = 64;
@@ -64,23 +38,6 @@ TEST(TaskTest, BlockedTasksNeverStarveQueuedOnes) {
   }
   ASSERT_TRUE(eventually([&] { return finished == kTasks; }));
   EXPECT_GE(TaskPool::shared().threadCount(), static_cast<std::size_t>(kTasks));
-}
-
-TEST(TaskTest, ATaskReadsItsOwnStopToken) {
-  EXPECT_FALSE(Task::currentStopToken().stop_possible());
-  EXPECT_FALSE(Task{}.isCancelled());
-  std::atomic<int> state{0};  // 1 running (3 if it started cancelled), 2 saw its cancellation
-  Task task = Task::run([&] {
-    state = Task::currentIsCancelled() ? 3 : 1;
-    while (!Task::currentStopToken().stop_requested()) std::this_thread::sleep_for(1ms);
-    state = 2;
-  });
-  ASSERT_TRUE(eventually([&] { return state != 0; }));
-  EXPECT_EQ(state, 1);
-  EXPECT_FALSE(task.isCancelled());
-  task.cancel();
-  EXPECT_TRUE(task.isCancelled());
-  EXPECT_TRUE(eventually([&] { return state == 2; }));
 }
 
 TEST(LoggerTest, TheSinkGetsEveryRecordUntilItIsRemoved) {

@@ -117,59 +117,23 @@ TEST_F(StoreTest, PurchaseMakesASignedTransactionThatFinishingDropsFromHistory) 
   EXPECT_TRUE(quiet(updates));
 }
 
-TEST_F(StoreTest, SubscriptionsRenewOnTheStoreClockUntilAutoRenewIsOffOrTheyExpire) {
+// (Renewal and the renewal info as auto-renew is turned off, with billing issues, or on a
+// refund: tests/tools/subscription_lifecycle_test.cpp and tests/interop.)
+TEST_F(StoreTest, SubscriptionStatusHandsOutTheVerifiedRenewalInfoAndTheControlsEndOrRenewIt) {
   auto updates = Transaction::updates();
-  const auto trialID = buy(kPro);
-  const auto trial = transactionOf(store_->allTransactions().at(0)).value();
-  EXPECT_EQ(*trial.expirationDate() - trial.purchaseDate(), std::chrono::days(7));
-  EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{trialID});
-
-  store_->advanceTime(8 * kDay);
-  const auto renewal = next(updates);
-  EXPECT_EQ(renewal.originalID(), trialID);
-  EXPECT_EQ(renewal.reason(), Transaction::Reason::renewal());
-  EXPECT_EQ(renewal.purchaseDate(), *trial.expirationDate());
-  EXPECT_EQ(renewal.price(), dec("6.99"));
-  // Delivered without being finished: the app still has to finish both.
-  IDs both{trialID, renewal.id()};
-  expectLists(both, both, {renewal.id()});
-
-  // Auto-renew off: the period runs out and the subscription expires; turning auto-renew on
-  // afterwards does not bring it back.
-  store_->disableAutoRenewForTransaction(renewal.id());
-  store_->advanceTime(40 * kDay);
-  EXPECT_TRUE(quiet(updates));
-  expectLists(both, both, {});
-  store_->enableAutoRenewForTransaction(renewal.id());
-  store_->advanceTime(40 * kDay);
-  EXPECT_TRUE(quiet(updates));
-  expectLists(both, both, {});
-
-  store_->forceRenewalOfSubscription(kPro);
-  const auto forced = next(updates, 5s);
-  EXPECT_EQ(forced.reason(), Transaction::Reason::renewal());
-  EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{forced.id()});
-  store_->expireSubscription(kPro);
-  store_->advanceTime(60 * kDay);
-  EXPECT_TRUE(quiet(updates));  // expiry is not a transaction
-  EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
-  EXPECT_THROW(store_->expireSubscription(kPro), std::invalid_argument);
-}
-
-TEST_F(StoreTest, SubscriptionStatusHandsOutTheVerifiedRenewalInfoAsItStands) {
   const auto product = Product::products({kPro}).at(0);
   const auto& group = product.subscription->subscriptionGroupID;
   EXPECT_TRUE(Product::SubscriptionInfo::status(group).empty());
   const auto id = buy(kPro);
   const auto trial = transactionOf(store_->allTransactions().at(0)).value();
+  EXPECT_EQ(*trial.expirationDate() - trial.purchaseDate(), std::chrono::days(7));
 
-  auto statuses = Product::SubscriptionInfo::status(group);
+  const auto statuses = Product::SubscriptionInfo::status(group);
   ASSERT_EQ(statuses.size(), 1u);
   EXPECT_EQ(statuses[0].state, Product::SubscriptionInfo::RenewalState::subscribed());
-  ASSERT_TRUE(statuses[0].transaction.isVerified());
+  ASSERT_TRUE(statuses[0].transaction.isVerified() && statuses[0].renewalInfo.isVerified());
   EXPECT_EQ(statuses[0].transaction.payloadValue().id(), id);
-  ASSERT_TRUE(statuses[0].renewalInfo.isVerified());
-  auto info = statuses[0].renewalInfo.payloadValue();
+  const auto info = statuses[0].renewalInfo.payloadValue();
   EXPECT_EQ(info.originalTransactionID, id);
   EXPECT_EQ(info.currentProductID, kPro);
   EXPECT_EQ(info.autoRenewPreference, kPro);
@@ -179,15 +143,21 @@ TEST_F(StoreTest, SubscriptionStatusHandsOutTheVerifiedRenewalInfoAsItStands) {
   EXPECT_EQ(info.renewalPrice, product.price);  // the trial ends; the full price follows
   EXPECT_EQ(info.environment, "Xcode");
 
-  // A change is signed into the renewal info at once.
+  // Expired with auto-renew off; turning it on afterwards does not bring it back.
   store_->disableAutoRenewForTransaction(id);
-  statuses = Product::SubscriptionInfo::status(group);
-  info = statuses.at(0).renewalInfo.payloadValue();
-  EXPECT_FALSE(info.willAutoRenew);
-  EXPECT_EQ(statuses[0].state, Product::SubscriptionInfo::RenewalState::subscribed());
-  store_->refundTransaction(id, 0);
-  EXPECT_EQ(Product::SubscriptionInfo::status(group).at(0).state,
-            Product::SubscriptionInfo::RenewalState::revoked());
+  store_->advanceTime(40 * kDay);
+  store_->enableAutoRenewForTransaction(id);
+  store_->advanceTime(40 * kDay);
+  EXPECT_TRUE(quiet(updates));
+  expectLists({id}, {id}, {});
+  store_->forceRenewalOfSubscription(kPro);
+  const auto forced = next(updates, 5s);
+  EXPECT_EQ(forced.reason(), Transaction::Reason::renewal());
+  EXPECT_EQ(ids(Transaction::currentEntitlements()), IDs{forced.id()});
+  store_->expireSubscription(kPro);
+  EXPECT_TRUE(quiet(updates));  // expiry is not a transaction
+  EXPECT_TRUE(ids(Transaction::currentEntitlements()).empty());
+  EXPECT_THROW(store_->expireSubscription(kPro), std::invalid_argument);
 
   store_->setSimulatedError(appstore::StoreKitAPI::subscriptionStatus,
                             appstore::StoreFailure::named("networkError"));
@@ -213,31 +183,25 @@ TEST_F(StoreTest, PayAsYouGoIntroductoryOfferLastsItsPeriodsAndAnUpgradeReplaces
   EXPECT_FALSE(transactionOf(all.back())->offer());  // no second introductory offer in the group
 }
 
-TEST_F(StoreTest, AskToBuyAndInterruptedPurchasesArriveOnUpdatesOnceResolved) {
+// (Interrupted purchases resolved: tests/tools/subscription_changes_test.cpp.)
+TEST_F(StoreTest, AskToBuyRequestsArriveOnUpdatesOnceApproved) {
   auto updates = Transaction::updates();
   store_->setAskToBuyEnabled(true);
   for (const auto& id : {kRemoveAds, kCoins}) {
     EXPECT_TRUE(std::holds_alternative<PurchaseResult::Pending>(
         Product::products({id}).at(0).purchase().value));
   }
-  store_->setAskToBuyEnabled(false);
-  store_->setInterruptedPurchasesEnabled(true);
-  EXPECT_TRUE(std::holds_alternative<PurchaseResult::UserCancelled>(
-      Product::products({kSeasonPass}).at(0).purchase().value));
   const auto history = store_->allTransactions();
-  ASSERT_EQ(history.size(), 3u);
+  ASSERT_EQ(history.size(), 2u);
   EXPECT_TRUE(history[0].pendingAskToBuyConfirmation && !transactionOf(history[0]));
-  EXPECT_TRUE(history[2].hasPurchaseIssue);
   expectLists({}, {}, {});
 
   store_->declineAskToBuyTransaction(history[1].identifier);
   EXPECT_TRUE(quiet(updates));
   store_->approveAskToBuyTransaction(history[0].identifier);
   EXPECT_EQ(next(updates).productID(), kRemoveAds);
-  store_->resolveIssueForTransaction(history[2].identifier);
-  EXPECT_EQ(next(updates).productID(), kSeasonPass);
-  const IDs both{history[0].identifier, history[2].identifier};
-  expectLists(both, both, both);
+  const IDs approved{history[0].identifier};
+  expectLists(approved, approved, approved);
 }
 
 // (Promotional offers bought outside the app: tests/tools/store_controls_test.cpp.)

@@ -74,9 +74,10 @@ class Relaunch : public ::testing::Test {
   std::shared_ptr<LocalStore> previous_;
 };
 
-TEST_F(Relaunch, TheNextLaunchSignsAlikeContinuesIdsAndReplaysWhatWasLeftUnfinished) {
+// (The same signing root, and every token verifying under it, across hundreds of relaunches:
+// tests/stress/crash_test.cpp and tests/interop.)
+TEST_F(Relaunch, TheNextLaunchContinuesIdsAndReplaysWhatWasLeftUnfinished) {
   auto store = launch();
-  const auto root = store->rootCertificate();
   const auto coins = buy(kCoins);
   const auto ads = buy(kRemoveAds);
   Transaction::all().next()->unsafePayloadValue().finish();  // the coins
@@ -84,27 +85,16 @@ TEST_F(Relaunch, TheNextLaunchSignsAlikeContinuesIdsAndReplaysWhatWasLeftUnfinis
   EXPECT_TRUE(std::holds_alternative<PurchaseResult::Pending>(
       Product::products({kSeasonPass}).at(0).purchase().value));
   const auto asked = store->allTransactions().back().identifier;
-  const auto tokenBefore = store->allTransactions().at(1).jwsRepresentation;
   store.reset();
   quit();
 
   store = launch();
-  EXPECT_EQ(store->rootCertificate(), root);
   EXPECT_FALSE(store->askToBuyEnabled()) << "settings come from this launch's configuration";
   // The first listener of the launch hears of the unfinished purchase once; a second does not.
   EXPECT_EQ(replayed(300ms), std::vector<std::uint64_t>{ads});
   EXPECT_TRUE(replayed(100ms).empty());
-  // Tokens signed before the relaunch still verify, and read back byte for byte.
-  const auto listed = Transaction::all();
-  auto all = listed;
-  std::vector<std::uint64_t> ids;
-  while (auto element = all.next()) {
-    EXPECT_TRUE(element->isVerified());
-    ids.push_back(element->unsafePayloadValue().id());
-  }
-  EXPECT_EQ(ids, (std::vector<std::uint64_t>{ads}));  // the finished consumable is gone
-  EXPECT_EQ(store->allTransactions().at(1).jwsRepresentation, tokenBefore);
   EXPECT_TRUE(store->allTransactions().at(0).finished);
+  EXPECT_EQ(Transaction::all().next()->unsafePayloadValue().id(), ads) << "the coins are gone";
   // The pending request can be approved now, and ids go on after it.
   store->approveAskToBuyTransaction(asked);
   const auto next = buy(kCoins);
@@ -113,7 +103,6 @@ TEST_F(Relaunch, TheNextLaunchSignsAlikeContinuesIdsAndReplaysWhatWasLeftUnfinis
   store.reset();
   quit();
 
-  // A third launch still has all of it.
   store = launch();
   EXPECT_EQ(store->allTransactions().size(), 4u);
   EXPECT_EQ(replayed(300ms), (std::vector<std::uint64_t>{ads, asked, next}));

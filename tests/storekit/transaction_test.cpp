@@ -31,8 +31,9 @@ Code rejection(const std::string& jws, const std::string& root) {
   return static_cast<Code>(-1);
 }
 
-// (Apple's own verifier checks the chain's marker extensions: tests/interop.)
-TEST(JWS, SignsWithTheChainInTheHeaderAndARawSignatureAndRejectsAnyChange) {
+// (The header's form, the chain in x5c and a raw ES256 signature, as Apple's own verifier
+// reads them with the chain's marker extensions: tests/interop.)
+TEST(JWS, VerifiesWhatItSignedAndRejectsAnyChange) {
   const auto authority = SigningAuthority::generate();
   const std::string payload = R"({"quantity":1,"signedDate":1700000000000})";
   const auto jws = authority->sign(payload);
@@ -40,15 +41,6 @@ TEST(JWS, SignsWithTheChainInTheHeaderAndARawSignatureAndRejectsAnyChange) {
   const auto dot1 = jws.find('.'), dot2 = jws.rfind('.');
   const auto header64 = jws.substr(0, dot1), signature64 = jws.substr(dot2 + 1);
   ASSERT_EQ(jws.find('.', dot1 + 1), dot2);
-  auto header = json::parse(*base64URLDecode(header64)).as_object();
-  EXPECT_EQ(header.at("alg"), "ES256");
-  const auto& x5c = header.at("x5c").as_array();
-  ASSERT_EQ(x5c.size(), 3u);
-  EXPECT_EQ(*platform::base64Decode(x5c[0].as_string()), authority->leafCertificate());
-  EXPECT_EQ(*platform::base64Decode(x5c[1].as_string()), authority->intermediateCertificate());
-  EXPECT_EQ(*platform::base64Decode(x5c[2].as_string()), root);
-  EXPECT_EQ(*base64URLDecode(jws.substr(dot1 + 1, dot2 - dot1 - 1)), payload);
-  EXPECT_EQ(base64URLDecode(signature64)->size(), 64u);
   EXPECT_EQ(verifyJWS(jws, root), payload);
   EXPECT_EQ(decodeJWSPayload(jws), payload);
 
@@ -62,6 +54,7 @@ TEST(JWS, SignsWithTheChainInTheHeaderAndARawSignatureAndRejectsAnyChange) {
   EXPECT_EQ(rejection(SigningAuthority::generate()->sign(payload), root),
             Code::invalidCertificateChain);
   // A header whose chain is cut short.
+  auto header = json::parse(*base64URLDecode(header64)).as_object();
   header["x5c"].as_array().pop_back();
   EXPECT_EQ(rejection(base64URLEncode(json::serialize(header)) + jws.substr(dot1), root),
             Code::invalidCertificateChain);
