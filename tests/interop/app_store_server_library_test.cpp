@@ -134,15 +134,27 @@ std::string purchaseLine(const char* productID) {
 // accepts every transaction the store signed (a quantity and a token, a refund, a subscription
 // through grace, billing retry, a recovery, expiry and a new purchase, refunded) and the
 // renewal info of every state; it turns down a payload changed after signing, and a root other
-// than ours. (That the root and the tokens stay across a relaunch is the crash test's.)
+// than ours. The first three steps are made by an earlier launch on the same state file: their
+// tokens verify after the relaunch, which exports the same root.
 TEST_F(AppStoreServerLibrary, ItsVerifierAcceptsEveryTransactionAndRenewalInfo) {
+  std::string pattern = (fs::temp_directory_path() / "interop_relaunch.XXXXXX").string();
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  temp_ = pattern;
+  const auto options = [&](const char* root) {
+    return "--environment Sandbox --state " + (temp_ / "state.db").string() + " --export-root " +
+           (temp_ / root).string();
+  };
+  const auto first = testsupport::runDriver(
+      {R"({"id":0,"call":"Purchase","payload":{"productId":"com.vorntesk.sample.coins100",)"
+       R"("options":{"quantity":2,"appAccountToken":"e3b0c442-98fc-1c14-9afb-f4c8996fb924"}}})",
+       purchaseLine("com.vorntesk.sample.seasonpass"),
+       R"({"id":"x","store":"refundTransaction","identifier":2,"reason":"developerIssue"})"},
+      options("first.pem"));
+  ASSERT_EQ(first.exitStatus, 0) << first.errors;
+  ASSERT_EQ(first.lines.size(), 3u) << first.errors;
   std::vector<std::string> input = {
       R"({"id":"s","store":"shouldEnterBillingRetryOnRenewal","value":true})",
       R"({"id":"g","store":"billingGracePeriodIsEnabled","value":true})",
-      R"({"id":0,"call":"Purchase","payload":{"productId":"com.vorntesk.sample.coins100",)"
-      R"("options":{"quantity":2,"appAccountToken":"e3b0c442-98fc-1c14-9afb-f4c8996fb924"}}})",
-      purchaseLine("com.vorntesk.sample.seasonpass"),
-      R"({"id":"x","store":"refundTransaction","identifier":2,"reason":"developerIssue"})",
       purchaseLine("com.vorntesk.sample.basic.monthly")};
   const auto step = [&](const std::string& line) {
     if (!line.empty()) input.push_back(line);
@@ -160,9 +172,10 @@ TEST_F(AppStoreServerLibrary, ItsVerifierAcceptsEveryTransactionAndRenewalInfo) 
   step(R"({"id":"x","store":"refundTransaction","identifier":5})");
   input.push_back(R"({"id":"all","call":"GetAllTransactions"})");
   input.push_back(R"({"id":"root","store":"rootCertificate"})");
-  const auto run = testsupport::runDriver(input, "--environment Sandbox");
+  const auto run = testsupport::runDriver(input, options("second.pem"));
   ASSERT_EQ(run.exitStatus, 0) << run.errors;
   ASSERT_EQ(run.lines.size(), input.size()) << run.errors;
+  EXPECT_EQ(readFile(temp_ / "first.pem"), readFile(temp_ / "second.pem"));
 
   json::array items;
   std::vector<json::value> ours;
@@ -184,6 +197,8 @@ TEST_F(AppStoreServerLibrary, ItsVerifierAcceptsEveryTransactionAndRenewalInfo) 
   }
   EXPECT_EQ(statesSeen, (std::set<std::int64_t>{1, 2, 3, 4, 5}));
   ASSERT_EQ(ours.size(), 10u + 5u) << run.errors;
+  EXPECT_EQ(json::parse(first.lines[0]).at("envelope").at("success").at("transaction")
+                .at("jwsRepresentation"), items[10].at("jws")) << "re-signed at the relaunch";
   // The first purchase's token with its quantity changed after signing, and as it is under a
   // foreign root.
   const std::string token(items[10].at("jws").as_string());
