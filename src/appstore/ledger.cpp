@@ -13,10 +13,12 @@
 #include <SQLiteCpp/Transaction.h>
 
 #include "appstore/ledger_file.h"
+#include "appstore/ledger_groups.h"
 #include "appstore/ledger_history.h"
 #include "appstore/ledger_outbox.h"
 #include "appstore/ledger_sql.h"
 #include "appstore/ledger_requests.h"
+#include "appstore/ledger_signed_forms.h"
 #include "appstore/wal_checkpointer.h"
 
 #include <array>
@@ -34,20 +36,6 @@ using ledger_history::kTypedColumns;
 using ledger_history::typedTransaction;
 namespace {
 
-constexpr const char* kGroupColumns =
-    "group_id, original_id, original_purchase_date, latest_id, auto_renew, pending_product_id, "
-    "offer_periods_left, continuing_offer, status, expiration_intent, billing_issue_since, "
-    "grace_period_expires, price_increase_status, renewal_price, signed_renewal_info, extensions, "
-    "recent_start";
-
-void bindOptional(SQLite::Statement& statement, int index, std::optional<int> value) {
-  if (value) {
-    statement.bind(index, *value);
-  } else {
-    statement.bind(index);
-  }
-}
-
 // The statements of every query and change, prepared once: a purchase runs a handful of them
 // and preparing costs more than running.
 struct Statements {
@@ -58,21 +46,22 @@ struct Statements {
                        "revocation_date, upgraded, finished, revision, family_shared) "
                        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)"),
         putTexts(database,
-                 "INSERT OR REPLACE INTO transaction_texts (id, payload, request, signed_form) "
-                 "VALUES (?1, ?2, ?3, ?4)"),
+                 "INSERT OR REPLACE INTO transaction_texts (id, payload, request, signed_form, "
+                 "header_id) VALUES (?1, ?2, ?3, ?4, ?5)"),
         setFinished(database, "UPDATE transactions SET finished = 1 WHERE id = ?1"),
         removeTransaction(database, "DELETE FROM transactions WHERE id = ?1"),
         removeTexts(database, "DELETE FROM transaction_texts WHERE id = ?1"),
         putGroup(database, std::string("INSERT OR REPLACE INTO subscription_groups (") +
-                               kGroupColumns +
+                               ledger_groups::kGroupColumns +
                                ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, "
                                "?14, ?15, ?16, ?17)"),
         removeGroup(database, "DELETE FROM subscription_groups WHERE group_id = ?1"),
         putValue(database, "INSERT OR REPLACE INTO named_values (key, value) VALUES (?1, ?2)"),
-        transaction(database, std::string("SELECT ") + kTypedColumns +
-                                  ", x.payload, x.request, x.signed_form FROM transactions AS t "
-                                  "LEFT JOIN transaction_texts AS x ON x.id = t.id "
-                                  "WHERE t.id = ?1"),
+        transaction(database, std::string("SELECT ") + kTypedColumns + ", x.request, " +
+                                  ledger_signed_forms::kColumns +
+                                  " FROM transactions AS t "
+                                  "LEFT JOIN transaction_texts AS x ON x.id = t.id" +
+                                  ledger_signed_forms::kJoin + " WHERE t.id = ?1"),
         lists{list(database, ""),
               list(database,
                    "WHERE state = 0 AND NOT (product_type = 'Consumable' AND "
@@ -81,9 +70,11 @@ struct Statements {
               list(database,
                    "WHERE state = 0 AND revocation_date IS NULL AND "
                    "product_type <> 'Consumable'")},
-        signedForm(database, "SELECT signed_form FROM transaction_texts WHERE id = ?1"),
+        signedForm(database, std::string("SELECT ") + ledger_signed_forms::kColumns +
+                                 " FROM transaction_texts AS x" + ledger_signed_forms::kJoin +
+                                 " WHERE x.id = ?1"),
         count(database, "SELECT count(*) FROM transactions"),
-        groups(database, std::string("SELECT ") + kGroupColumns +
+        groups(database, std::string("SELECT ") + ledger_groups::kGroupColumns +
                              " FROM subscription_groups ORDER BY group_id"),
         value(database, "SELECT value FROM named_values WHERE key = ?1") {}
 
@@ -125,6 +116,7 @@ class SQLiteLedger final : public Ledger {
         outbox_(std::make_unique<ledger_outbox::Outbox>(*database_)),
         history_(std::make_unique<ledger_history::History>(*database_)),
         requests_(std::make_unique<ledger_requests::Requests>(*database_)),
+        headers_(std::make_unique<ledger_signed_forms::Headers>(*database_)),
         textsUnchecked_(textsUnchecked),
         nextRevision_(static_cast<std::uint64_t>(
             database_->execAndGet("SELECT ifnull(max(revision), 0) + 1 FROM transactions")
@@ -139,6 +131,7 @@ class SQLiteLedger final : public Ledger {
     outbox_.reset();
     history_.reset();
     requests_.reset();
+    headers_.reset();
     opening_.reset();  // not finished: rolled back, the file as it was
     statements_.reset();
     database_.reset();
@@ -157,9 +150,9 @@ class SQLiteLedger final : public Ledger {
       bindId(query, 1, id);
       if (!query.executeStep()) return std::nullopt;
       auto found = typedTransaction(query);
-      found.payload = query.getColumn(13).getString();
-      found.request = query.getColumn(14).getString();
-      found.signedForm = query.getColumn(15).getString();
+      found.request = query.getColumn(13).getString();
+      found.payload = query.getColumn(14).getString();
+      found.signedForm = ledger_signed_forms::signedForm(query, 14);
       query.reset();
       return found;
     });
@@ -179,7 +172,7 @@ class SQLiteLedger final : public Ledger {
       auto& query = fresh(statements_->signedForm);
       bindId(query, 1, id);
       if (!query.executeStep()) return std::nullopt;
-      std::string text = query.getColumn(0).getString();
+      std::string text = ledger_signed_forms::signedForm(query, 0);
       query.reset();
       if (text.empty()) return std::nullopt;
       return text;
@@ -200,28 +193,7 @@ class SQLiteLedger final : public Ledger {
     return read([&] {
       auto& query = fresh(statements_->groups);
       std::vector<LedgerGroup> found;
-      while (query.executeStep()) {
-        LedgerGroup group;
-        group.groupID = query.getColumn(0).getString();
-        group.originalID = static_cast<std::uint64_t>(query.getColumn(1).getInt64());
-        group.originalPurchaseDate =
-            platform::dateFromMillisecondsSince1970(query.getColumn(2).getInt64());
-        group.latestID = static_cast<std::uint64_t>(query.getColumn(3).getInt64());
-        group.autoRenew = query.getColumn(4).getInt() != 0;
-        if (!query.getColumn(5).isNull()) group.pendingProductID = query.getColumn(5).getString();
-        group.offerPeriodsLeft = query.getColumn(6).getInt64();
-        group.continuingOffer = query.getColumn(7).getString();
-        group.status = static_cast<RenewalStatus>(query.getColumn(8).getInt());
-        if (!query.getColumn(9).isNull()) group.expirationIntent = query.getColumn(9).getInt();
-        group.billingIssueSince = optionalDate(query.getColumn(10));
-        group.gracePeriodExpires = optionalDate(query.getColumn(11));
-        if (!query.getColumn(12).isNull()) group.priceIncreaseStatus = query.getColumn(12).getInt();
-        group.renewalPrice = query.getColumn(13).getString();
-        group.signedRenewalInfo = query.getColumn(14).getString();
-        group.extensions = query.getColumn(15).getString();
-        group.recentStart = optionalDate(query.getColumn(16));
-        found.push_back(std::move(group));
-      }
+      while (query.executeStep()) found.push_back(ledger_groups::readGroup(query));
       return found;
     });
   }
@@ -296,6 +268,7 @@ class SQLiteLedger final : public Ledger {
   std::unique_ptr<ledger_outbox::Outbox> outbox_;
   std::unique_ptr<ledger_history::History> history_;
   std::unique_ptr<ledger_requests::Requests> requests_;
+  std::unique_ptr<ledger_signed_forms::Headers> headers_;
   bool inWAL_ = false;
   bool textsUnchecked_;  // see checkExistingFile
   std::uint64_t nextRevision_;  // a revision number spent by a rolled-back write is not reused
@@ -323,11 +296,13 @@ class SQLiteLedger::Changes final : public LedgerWrite {
       bindId(row, 12, ledger_.nextRevision_++);
       row.bind(13, transaction.familyShared ? 1 : 0);
       row.exec();
+      const auto stored = ledger_.headers_->store(transaction.payload, transaction.signedForm);
       auto& texts = fresh(statements_.putTexts);
       bindId(texts, 1, transaction.id);
-      texts.bind(2, transaction.payload);
-      texts.bind(3, transaction.request);
-      texts.bind(4, transaction.signedForm);
+      texts.bindNoCopy(2, transaction.payload);
+      texts.bindNoCopy(3, transaction.request);
+      texts.bindNoCopy(4, stored.text);
+      if (stored.headerID) texts.bind(5, *stored.headerID);
       texts.exec();
     });
   }
@@ -360,27 +335,7 @@ class SQLiteLedger::Changes final : public LedgerWrite {
   void putGroup(const LedgerGroup& group) override {
     apply([&] {
       auto& row = fresh(statements_.putGroup);
-      row.bind(1, group.groupID);
-      bindId(row, 2, group.originalID);
-      bindDate(row, 3, group.originalPurchaseDate);
-      bindId(row, 4, group.latestID);
-      row.bind(5, group.autoRenew ? 1 : 0);
-      if (group.pendingProductID) {
-        row.bind(6, *group.pendingProductID);
-      } else {
-        row.bind(6);
-      }
-      row.bind(7, group.offerPeriodsLeft);
-      row.bind(8, group.continuingOffer);
-      row.bind(9, static_cast<int>(group.status));
-      bindOptional(row, 10, group.expirationIntent);
-      bindDate(row, 11, group.billingIssueSince);
-      bindDate(row, 12, group.gracePeriodExpires);
-      bindOptional(row, 13, group.priceIncreaseStatus);
-      row.bind(14, group.renewalPrice);
-      row.bind(15, group.signedRenewalInfo);
-      row.bind(16, group.extensions);
-      bindDate(row, 17, group.recentStart);
+      ledger_groups::bindGroup(row, group);
       row.exec();
     });
   }
@@ -457,6 +412,7 @@ void SQLiteLedger::finishOpening() {
   try {
     opening_->commit();
     opening_.reset();
+    headers_->committed();
   } catch (const SQLite::Exception& error) {
     throw commitFailure(error);
   }
@@ -472,6 +428,7 @@ void SQLiteLedger::write(const std::function<void(LedgerWrite&)>& changes) {
         changes(writes);
         if (writes.failure()) throw *writes.failure();
       } catch (...) {
+        headers_->rolledBack();
         database_->exec("ROLLBACK TO change");
         database_->exec("RELEASE change");
         throw;
@@ -499,11 +456,16 @@ void SQLiteLedger::write(const std::function<void(LedgerWrite&)>& changes) {
     changes(writes);
     if (writes.failure()) throw *writes.failure();
     transaction.commit();
+    headers_->committed();
   } catch (const SQLite::Exception& error) {
     // Leaving the block without commit() has rolled back, also after a COMMIT that failed and
     // that SQLite had already rolled back itself (SQLite::Transaction ignores the second
     // ROLLBACK's "no transaction is active").
+    headers_->rolledBack();
     throw commitFailure(error);
+  } catch (...) {
+    headers_->rolledBack();
+    throw;
   }
 }
 

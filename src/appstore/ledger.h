@@ -172,7 +172,7 @@ class LedgerWrite {
 
 class Ledger {
  public:
-  static constexpr int kSchemaVersion = 3;
+  static constexpr int kSchemaVersion = 4;
 
   // When what opening writes (a new file's schema, a migration) is committed: at once, or
   // only at finishOpening(), for an owner that may still refuse what it reads.

@@ -125,6 +125,17 @@ void upgradeSchema(SQLite::Database& database, int from) {
           information TEXT NOT NULL);
       )sql");
       break;
+    case 3:
+      // Signed forms share their header (see ledger_signed_forms.h): a row with a header id
+      // keeps in signed_form only what follows its payload's segment. Rows written before keep
+      // their forms whole, and are read as they are.
+      database.exec(R"sql(
+        CREATE TABLE signing_headers (
+          id INTEGER PRIMARY KEY,
+          header TEXT NOT NULL);
+        ALTER TABLE transaction_texts ADD COLUMN header_id INTEGER;
+      )sql");
+      break;
   }
 }
 
@@ -146,11 +157,12 @@ constexpr const char* kRenewalDatesOutOfRange = R"sql(
        OR ifnull(grace_period_expires, 0) NOT BETWEEN 0 AND 253402300799999
        OR ifnull(recent_start, 0) NOT BETWEEN 0 AND 253402300799999)sql";
 
-// The tables the store reads as it opens. The signed texts, nearly all of a file's bytes, are
-// read only when asked for; checking their pages at open would read the whole file.
+// The tables the store reads as it opens, and the few signing headers every signed form is
+// rebuilt with. The signed texts, nearly all of a file's bytes, are read only when asked for;
+// checking their pages at open would read the whole file.
 constexpr const char* kTablesCheckedAtOpen[] = {
     "sqlite_schema",  "transactions",    "subscription_groups", "named_values",  "notifications",
-    "send_attempts",  "mass_extensions", "consumption_requests"};
+    "send_attempts",  "mass_extensions", "consumption_requests", "signing_headers"};
 // The columns of each table of `database`.
 std::map<std::string, std::set<std::string>> columnsOf(SQLite::Database& database) {
   std::map<std::string, std::set<std::string>> tables;
@@ -268,12 +280,13 @@ bool checkExistingFile(const std::string& path, const std::string& label, int fd
         checks.push_back(std::string("PRAGMA quick_check(") + table + ")");
       }
     }
+    // Tables first: a check of a table that is missing would fail as no such table.
+    if (const auto missing = missingFromSchema(database, version)) {
+      throw LedgerError(label + ": damaged (" + *missing + ")");
+    }
     for (const auto& check : checks) {
       const std::string verdict = database.execAndGet(check).getString();
       if (verdict != "ok") throw LedgerError(label + ": damaged (" + oneLine(verdict) + ")");
-    }
-    if (const auto missing = missingFromSchema(database, version)) {
-      throw LedgerError(label + ": damaged (" + *missing + ")");
     }
     if ((version >= 1 && database.execAndGet(kDatesOutOfRange).getInt() != 0) ||
         (version >= 2 && database.execAndGet(kRenewalDatesOutOfRange).getInt() != 0)) {

@@ -1,4 +1,5 @@
 #include "appstore/ledger_history.h"
+#include "appstore/ledger_signed_forms.h"
 #include "appstore/ledger_sql.h"
 
 #include <boost/json/array.hpp>
@@ -70,7 +71,9 @@ struct History::Statements {
                               "AND t.revocation_date IS NOT NULL AND (?1 IS NULL OR "
                               "t.revocation_date > ?1 OR (t.revocation_date = ?1 AND t.id > ?2)) "
                               "ORDER BY t.revocation_date, t.id LIMIT ?3"),
-        signedForm(database, "SELECT signed_form FROM transaction_texts WHERE id = ?1") {}
+        signedForm(database, std::string("SELECT ") + ledger_signed_forms::kColumns +
+                                 " FROM transaction_texts AS x" + ledger_signed_forms::kJoin +
+                                 " WHERE x.id = ?1") {}
 
   SQLite::Statement oldestFirst, newestFirst, refunds, signedForm;
 };
@@ -91,7 +94,7 @@ std::vector<LedgerTransaction> History::rowsWithSignedForms(SQLite::Statement& q
     auto& signedForm = fresh(statements_->signedForm);
     signedForm.bind(1, static_cast<std::int64_t>(row.id));
     if (!signedForm.executeStep()) continue;
-    row.signedForm = signedForm.getColumn(0).getString();
+    row.signedForm = ledger_signed_forms::signedForm(signedForm, 0);
     found.push_back(std::move(row));
   }
   statements_->signedForm.reset();

@@ -22,34 +22,52 @@ WalCheckpointer::~WalCheckpointer() {
 // Runs on the committing thread, after its commit, with the WAL's size in pages.
 int WalCheckpointer::committed(void* self, sqlite3* writer, const char* schema, int pages) {
   auto& checkpointer = *static_cast<WalCheckpointer*>(self);
-  const bool overGrown = pages >= kMaxPages;
+  bool wake = false;
+  bool copyHere = false;
   {
     std::lock_guard lock(checkpointer.mutex_);
-    // The log starts afresh only once a checkpoint has copied all of it, and one that runs
-    // beside commits that never pause is always a few behind: past the bound, the thread
-    // stops starting checkpoints and the writer, between its commits, copies the rest.
-    checkpointer.paused_ = overGrown;
-    if (pages >= kWakePages) checkpointer.wanted_ = true;
+    if (pages < checkpointer.lastPages_) {
+      // The log restarted: a new round. A checkpoint still under way finishes its round as
+      // `copied`, and the next commit copies whatever it left.
+      checkpointer.roundStarted_ = false;
+      if (checkpointer.round_ != Round::copying) checkpointer.round_ = Round::filling;
+    }
+    checkpointer.lastPages_ = pages;
+    checkpointer.paused_ = pages >= kMaxPages;
+    copyHere = checkpointer.paused_ || checkpointer.round_ == Round::copied;
+    if (!copyHere && pages >= kWakePages && !checkpointer.roundStarted_) {
+      checkpointer.roundStarted_ = true;
+      checkpointer.round_ = Round::due;
+      wake = true;
+    }
   }
-  if (overGrown) {
-    // Busy while the thread's checkpoint is under way: the next commit tries again.
-    sqlite3_wal_checkpoint_v2(writer, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
-  } else if (pages >= kWakePages) {
-    checkpointer.due_.notify_one();
+  if (wake) checkpointer.due_.notify_one();
+  if (copyHere) {
+    // Nothing else writes between the commits, so this copies the whole log unless the
+    // thread's checkpoint is under way (then it is busy and the next commit tries again).
+    int logged = 0;
+    int copied = 0;
+    const int result = sqlite3_wal_checkpoint_v2(writer, schema, SQLITE_CHECKPOINT_PASSIVE,
+                                                 &logged, &copied);
+    if (result == SQLITE_OK && copied == logged) {
+      std::lock_guard lock(checkpointer.mutex_);
+      if (checkpointer.round_ == Round::copied) checkpointer.round_ = Round::filling;
+    }
   }
   return SQLITE_OK;
 }
 
 void WalCheckpointer::run(std::stop_token stop) {
   std::unique_lock lock(mutex_);
-  while (due_.wait(lock, stop, [&] { return wanted_ && !paused_; })) {
-    wanted_ = false;
+  while (due_.wait(lock, stop, [&] { return round_ == Round::due && !paused_; })) {
+    round_ = Round::copying;
     lock.unlock();
-    // Copies every frame no reader still needs, without waiting for the writer; a busy or
-    // failed checkpoint loses nothing, and the next wake-up tries again.
+    // Copies every frame no reader still needs, without waiting for the writer. Busy or
+    // failed, it loses nothing: the writer then copies the rest.
     sqlite3_wal_checkpoint_v2(database_.getHandle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
                               nullptr);
     lock.lock();
+    round_ = Round::copied;
   }
 }
 

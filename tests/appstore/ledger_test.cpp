@@ -4,6 +4,7 @@
 #include "appstore/ledger.h"
 #include "appstore/local_store.h"
 #include "appstore/wal_checkpointer.h"
+#include "platform/base64.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -483,6 +484,99 @@ TEST_F(LedgerTest, TheLogStaysBoundedUnderCommitsWithoutPause) {
   EXPECT_EQ(ledger->transactionCount(), static_cast<std::size_t>(kCommits));
   EXPECT_EQ(ledger->signedForm(kCommits),
             std::string(40'000, static_cast<char>('a' + kCommits % 26)));
+}
+
+}  // namespace
+}  // namespace appstore
+
+namespace appstore {
+namespace {
+
+// Signed forms made over their row's payload keep their header once (signing_headers) and read
+// back byte for byte through every read, also after a reopen and after a write that added a
+// header was rolled back; forms of any other shape are kept whole. A row whose header is gone
+// is damage, never a bare signature handed out; a file of this version without the headers'
+// table is refused as it was.
+TEST_F(LedgerTest, SignedFormsShareTheirHeaderAndReadBackByteForByte) {
+  const std::string chainA(3000, 'A');
+  const std::string chainB = "eyJ" + std::string(2000, 'B');
+  const std::string chainC = "eyJ" + std::string(500, 'C');
+  const auto made = [](std::uint64_t id, const std::string& header, std::string payload = "") {
+    auto t = entry(id, "Consumable", EntryState::purchased, false);
+    if (!payload.empty()) t.payload = std::move(payload);
+    t.signedForm = header + "." + platform::base64URLEncode(t.payload) + ".sig" + std::to_string(id);
+    return t;
+  };
+  auto otherMiddle = made(7, chainA);
+  otherMiddle.signedForm = chainA + ".e30.sig7";  // not this row's payload
+  auto noDots = made(8, chainA);
+  noDots.signedForm = "not a token";
+  auto noPayload = made(9, chainA);
+  noPayload.payload.clear();
+  noPayload.signedForm = chainA + "..sig9";
+  // Compact: 1, 2, 3 and 6 (whose payload's segment holds base64url's own '-' and '_').
+  const std::vector<LedgerTransaction> rows = {
+      made(1, chainA), made(2, chainA), made(3, chainB), made(6, chainA, "{\"q\":\"?~?~?~\"}"),
+      otherMiddle,     noDots,          noPayload};
+  const auto path = dir_ / "headers.db";
+  auto ledger = Ledger::open(path.string());
+  ledger->write([&](LedgerWrite& changes) {
+    for (const auto& t : rows) changes.putTransaction(t);
+  });
+  EXPECT_THROW(ledger->write([&](LedgerWrite& changes) {
+    changes.putTransaction(made(10, chainC));
+    throw std::runtime_error("rolled back");
+  }),
+               std::runtime_error);
+  const auto afterRollback = made(11, chainC);
+  ledger->write([&](LedgerWrite& changes) { changes.putTransaction(afterRollback); });
+  for (int reopened = 0; reopened < 2; ++reopened) {
+    for (const auto& t : rows) {
+      EXPECT_EQ(ledger->signedForm(t.id), t.signedForm) << t.id;
+      EXPECT_EQ(ledger->transaction(t.id)->signedForm, t.signedForm) << t.id;
+      EXPECT_EQ(ledger->transaction(t.id)->payload, t.payload) << t.id;
+    }
+    EXPECT_EQ(ledger->signedForm(11), afterRollback.signedForm);
+    EXPECT_FALSE(ledger->transaction(10).has_value());
+    HistoryQuery all;
+    all.limit = 100;
+    std::vector<std::string> forms, expected;
+    for (const auto& t : ledger->history(all)) forms.push_back(t.signedForm);
+    for (const auto& t : rows) expected.push_back(t.signedForm);
+    expected.push_back(afterRollback.signedForm);
+    std::sort(forms.begin(), forms.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(forms, expected);
+    ledger.reset();
+    ledger = Ledger::open(path.string());
+  }
+  ledger.reset();
+  {
+    SQLite::Database file(path.string(), SQLite::OPEN_READWRITE);
+    EXPECT_EQ(file.execAndGet("SELECT count(*) FROM signing_headers").getInt(), 3);
+    EXPECT_EQ(file.execAndGet("SELECT group_concat(id) FROM (SELECT id FROM transaction_texts "
+                              "WHERE header_id IS NOT NULL AND length(signed_form) < 6 ORDER BY id)")
+                  .getString(),
+              "1,2,3,6,11");
+    file.exec("DELETE FROM signing_headers WHERE header = '" + chainB + "'");
+  }
+  ledger = Ledger::open(path.string());
+  EXPECT_EQ(ledger->signedForm(1), rows[0].signedForm);
+  try {
+    (void)ledger->signedForm(3);
+    ADD_FAILURE() << "a signed form without its header was read";
+  } catch (const LedgerError& error) {
+    EXPECT_TRUE(std::string(error.what()).starts_with("state file " + path.string() + ": damaged ("))
+        << error.what();
+  }
+  ledger.reset();
+
+  SQLite::Database(sampleLedger("no-headers.db").string(), SQLite::OPEN_READWRITE)
+      .exec("DROP TABLE signing_headers");
+  const auto before = contents(dir_ / "no-headers.db");
+  EXPECT_EQ(openFailure(dir_ / "no-headers.db"),
+            "state file " + (dir_ / "no-headers.db").string() + ": damaged (no table signing_headers)");
+  EXPECT_TRUE(contents(dir_ / "no-headers.db") == before);
 }
 
 }  // namespace

@@ -107,7 +107,7 @@ TEST_F(StateFileTest, EachRefusedFileIsNamedWithItsCauseAndKeepsItsBytes) {
   expectRefused(text, "not a SQLite database");
   expectRefused(foreign, "a SQLite database of something else (application_id 42)");
   expectRefused(cut, "damaged (");
-  expectRefused(newer, "schema version 99 is newer than this build's (3)");
+  expectRefused(newer, "schema version 99 is newer than this build's (4)");
   expectRefused(held, "in use by another process");
 }
 
