@@ -574,7 +574,7 @@ TEST_F(LedgerTest, SignedFormsShareTheirHeaderAndReadBackByteForByte) {
   SQLite::Database(sampleLedger("no-headers.db").string(), SQLite::OPEN_READWRITE)
       .exec("DROP TABLE signing_headers");
   const auto before = contents(dir_ / "no-headers.db");
-  EXPECT_EQ(openFailure(dir_ / "no-headers.db"),
+  EXPECT_EQ(refusal(dir_ / "no-headers.db"),
             "state file " + (dir_ / "no-headers.db").string() + ": damaged (no table signing_headers)");
   EXPECT_TRUE(contents(dir_ / "no-headers.db") == before);
 }
