@@ -3,8 +3,8 @@
 // whose ledger is a state file beside the same against a store whose ledger is in memory.
 // Figure: purchases per second with the file / the same in memory.
 //
-// P7, relaunch: a state file of 100,000 transactions (about 250 MB, nearly all of it signed
-// forms), built once per run under the output folder. Timed: LocalStore::open of the file,
+// P7, relaunch: a state file of 100,000 transactions (about 90 MB, most of it payloads and
+// signatures; the certificate chain is kept once), built once per run under the output folder. Timed: LocalStore::open of the file,
 // the store installed as the process's store, then "GetCurrentEntitlements" through the
 // dispatcher until its answer is back; closing the store is not timed. Its floor: a bare
 // SQLite scan of the same file's transactions table through the C API (open, every row,
