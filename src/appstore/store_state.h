@@ -102,6 +102,8 @@ class LocalStore::State {
   std::optional<platform::Date> nextRenewal();
   // Subscribed or in the grace period, and not past its end.
   bool isActive(const LedgerGroup& group);
+  // The group's subscription is the family's (shared by the organizer), not the account's own.
+  bool isFamilyShare(const LedgerGroup& group);
   // The billing issue of the subscription whose latest transaction is `latestID` resolved: the
   // renewal that failed happens now. Nothing when there is no such issue.
   std::optional<SignedTransaction> recoverBillingIssue(LedgerWrite& write, std::uint64_t latestID);
