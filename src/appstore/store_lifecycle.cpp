@@ -228,7 +228,8 @@ void LocalStore::State::checkExtensionTerms(std::int64_t extendByDays,
 }
 
 RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
-                                                           const RenewalExtensionRequest& request) {
+                                                           const RenewalExtensionRequest& request,
+                                                           bool withOrganizer) {
   using Reason = RenewalExtensionRefused::Reason;
   const auto refuse = [](Reason reason, const std::string& why) {
     throw RenewalExtensionRefused(reason, why);
@@ -242,7 +243,7 @@ RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
     }
     refuse(Reason::notFound, "no subscription " + std::to_string(request.originalTransactionID));
   }
-  if (isFamilyShare(*found)) {
+  if (!withOrganizer && isFamilyShare(*found)) {
     refuse(Reason::familyShared, "a family member's access cannot be extended directly");
   }
   auto group = *found;
