@@ -143,8 +143,12 @@ TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) 
     EXPECT_EQ(t.at("ownershipType"), 2);
   }
 
-  // The account's own subscription in the same group stays beside the family member's.
+  // The account's own subscription in the same group starts a chain of its own, which the
+  // group follows from then on.
   const auto own = purchase(session, "standard.monthly");
+  EXPECT_NE(own, shared[1]);
+  EXPECT_EQ(session.status("G1").at("renewalInfo").at("originalTransactionId").as_string(),
+            std::to_string(own));
   session.control("revokeFamilySharing", shared[0]);
   session.call("GetStorefront");
   events = session.newEvents();
