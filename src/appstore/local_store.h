@@ -283,7 +283,7 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   std::optional<std::string> consumptionInformation(std::uint64_t transactionID);
   // Extends every active subscription whose current product is request.productID (of the
   // storefronts asked for), each as extendRenewalDate does; one that is not eligible counts as
-  // failed. Throws RenewalExtensionRefused for terms it cannot carry out.
+  // failed. A family member's shared subscription is extended with the organizer's. Throws RenewalExtensionRefused for terms it cannot carry out.
   MassRenewalExtensionStatus extendRenewalDatesForAllSubscribers(
       const MassRenewalExtensionRequest& request);
   std::optional<MassRenewalExtensionStatus> massRenewalExtension(
@@ -368,8 +368,12 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   void consentToPriceIncrease(std::uint64_t identifier);
   void declinePriceIncrease(std::uint64_t identifier);
   // A family member shares a family-shareable product with this account: a transaction owned
-  // as family shared, delivered through the update stream. Revoking it (the purchaser left
-  // the family, or stopped sharing) revokes that transaction, also through the updates.
+  // as family shared, delivered through the update stream. A shared auto-renewable
+  // subscription is held as its group's subscription and renews with the organizer's (never
+  // failing for this account's billing); the member cannot turn its renewal off or answer a
+  // price increase. Sharing into a group where the account holds a subscription is refused
+  // (std::invalid_argument). Revoking it (the purchaser left the family, or stopped sharing)
+  // revokes that transaction, also through the updates, and ends a shared subscription.
   SignedTransaction shareWithFamily(const std::string& productID);
   void revokeFamilySharing(std::uint64_t identifier);
   // Moves the subscription's expiry on by the request's days (scaled by the time rate as its

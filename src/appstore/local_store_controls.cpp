@@ -15,6 +15,15 @@ namespace {
 [[noreturn]] void invalid(const std::string& message) { throw std::invalid_argument(message); }
 
 std::string idText(std::uint64_t id) { return std::to_string(id); }
+
+// The organizer manages a family share's subscription; the member cannot change its renewal.
+template <class State>
+void refuseFamilyShare(State& state, const LedgerGroup& group, std::uint64_t identifier) {
+  if (state.isFamilyShare(group)) {
+    invalid("transaction " + idText(identifier) +
+            " is a family share: only the family organizer can manage its subscription");
+  }
+}
 }  // namespace
 
 bool LocalStore::askToBuyEnabled() const {
@@ -312,6 +321,7 @@ void LocalStore::enableAutoRenew(std::uint64_t identifier, bool enabled) {
   const auto row = state.ledger->transaction(identifier);
   auto* group = row ? state.groupOf(*row) : nullptr;
   if (!group) invalid("transaction " + idText(identifier) + " is not an auto-renewable subscription");
+  refuseFamilyShare(state, *group, identifier);
   auto changed = *group;
   if (changed.autoRenew == enabled) return;
   changed.autoRenew = enabled;
@@ -330,6 +340,7 @@ LedgerGroup subscriptionOf(State& state, std::uint64_t identifier) {
   const auto row = state.ledger->transaction(identifier);
   auto* group = row ? state.groupOf(*row) : nullptr;
   if (!group) invalid("transaction " + idText(identifier) + " is not an auto-renewable subscription");
+  refuseFamilyShare(state, *group, identifier);
   return *group;
 }
 constexpr int kIntentPriceIncrease = 3;
@@ -410,9 +421,17 @@ void LocalStore::revokeFamilySharing(std::uint64_t identifier) {
   SignedTransaction revoked;
   state.commit([&](LedgerWrite& write) {
     revoked = state.sign(write, *draft);
+    // Revoking the current period of a shared subscription ends it: it renews no more.
+    if (auto* group = state.groupOf(draft->row); group && group->latestID == identifier) {
+      auto changed = *group;
+      changed.autoRenew = false;
+      changed.status = RenewalStatus::revoked;
+      state.putGroup(write, changed);
+    }
     state.notify(write, "REVOKE", "", identifier);
   });
   state.broadcast({revoked});
+  wakeRenewals();
 }
 
 RenewalExtensionResult LocalStore::extendRenewalDate(const RenewalExtensionRequest& request) {

@@ -200,8 +200,10 @@ MassRenewalExtensionStatus LocalStore::extendRenewalDatesForAllSubscribers(
   state.commit([&](LedgerWrite& write) {
     for (const auto originalID : subscribers) {
       try {
-        state.extendRenewalDate(write, {originalID, request.extendByDays, request.extendReasonCode,
-                                        request.requestIdentifier});
+        state.extendRenewalDate(write,
+                                {originalID, request.extendByDays, request.extendReasonCode,
+                                 request.requestIdentifier},
+                                true);
         ++record.succeeded;
       } catch (const RenewalExtensionRefused&) {
         ++record.failed;

@@ -319,13 +319,14 @@ const std::map<std::string, Control, std::less<>>& controls() {
          }});
     add({{"shareWithFamily", "productID",
           "a family member shares a family-shareable product: a transaction owned as family "
-          "shared, delivered through the update stream",
+          "shared, delivered through the update stream; a subscription renews with theirs",
           R"({"id":1,"store":"shareWithFamily","productID":"com.example.album"})"},
          [](LocalStore& s, const Arguments& a) {
            return object{{"transactionId", s.shareWithFamily(a.string("productID")).id}};
          }});
     byIdentifier("revokeFamilySharing",
-                 "the family member stops sharing: the transaction is revoked, through the updates",
+                 "the family member stops sharing: the transaction is revoked, through the "
+                 "updates, and a shared subscription ends",
                  &LocalStore::revokeFamilySharing);
     add({{"consumptionInformation", "identifier",
           "what a developer's server last sent as consumption information for the transaction",

@@ -72,6 +72,8 @@ std::optional<SignedTransaction> LocalStore::State::renew(LedgerWrite& write, Le
   }
   group.priceIncreaseStatus.reset();
   auto draft = newTransaction(*product, request, "RENEWAL", purchaseDate, offer, &group, std::nullopt);
+  // A family member's access renews with the organizer's subscription, shared as before.
+  if (latest->familyShared) draft.payload["inAppOwnershipType"] = "FAMILY_SHARED";
   const auto signedTransaction = sign(write, draft);
   group.latestID = draft.row.id;
   group.pendingProductID.reset();
@@ -112,7 +114,8 @@ std::vector<SignedTransaction> LocalStore::State::renewDue(LedgerWrite& write) {
           changed = false;
           break;
         }
-        if (settings.shouldEnterBillingRetryOnRenewal) {
+        // The organizer pays for a family share: this account's billing issues do not touch it.
+        if (settings.shouldEnterBillingRetryOnRenewal && !latest->familyShared) {
           group.billingIssueSince = due;
           if (settings.billingGracePeriodIsEnabled) {
             const auto* product = configuration.product(latest->productID);
@@ -225,7 +228,8 @@ void LocalStore::State::checkExtensionTerms(std::int64_t extendByDays,
 }
 
 RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
-                                                           const RenewalExtensionRequest& request) {
+                                                           const RenewalExtensionRequest& request,
+                                                           bool withOrganizer) {
   using Reason = RenewalExtensionRefused::Reason;
   const auto refuse = [](Reason reason, const std::string& why) {
     throw RenewalExtensionRefused(reason, why);
@@ -238,6 +242,9 @@ RenewalExtensionResult LocalStore::State::extendRenewalDate(LedgerWrite& write,
       refuse(Reason::familyShared, "a family member's access cannot be extended directly");
     }
     refuse(Reason::notFound, "no subscription " + std::to_string(request.originalTransactionID));
+  }
+  if (!withOrganizer && isFamilyShare(*found)) {
+    refuse(Reason::familyShared, "a family member's access cannot be extended directly");
   }
   auto group = *found;
   const auto current = now();

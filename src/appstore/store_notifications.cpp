@@ -39,7 +39,9 @@ void LocalStore::State::notify(LedgerWrite& write, std::string_view type, std::s
   if (!row || row->signedForm.empty()) return;
   auto data = appData();
   data["signedTransactionInfo"] = row->signedForm;
-  if (const auto* group = groupOf(*row); group && !row->familyShared) {
+  // A family share held as the group's subscription carries its renewal info like any other.
+  if (const auto* group = groupOf(*row);
+      group && (!row->familyShared || group->originalID == row->originalID)) {
     data["signedRenewalInfo"] = group->signedRenewalInfo;
     data["status"] = static_cast<int>(group->status);
   } else if (row->productType == "Auto-Renewable Subscription") {

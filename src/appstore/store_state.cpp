@@ -338,16 +338,66 @@ Draft LocalStore::State::newTransaction(const ConfiguredProduct& product, const 
 SignedTransaction LocalStore::State::shareWithFamily(LedgerWrite& write, const ConfiguredProduct& product) {
   CheckedRequest request;
   request.productID = product.productID;
-  auto draft = newTransaction(product, request, "PURCHASE", now(), std::nullopt, nullptr, std::nullopt);
-  draft.payload["inAppOwnershipType"] = "FAMILY_SHARED";
-  putCounters(write);
-  auto shared = sign(write, draft);
-  if (product.kind == Kind::autoRenewable) {
-    notify(write, "SUBSCRIBED", "INITIAL_BUY", draft.row.id);
-  } else {
+  if (product.kind != Kind::autoRenewable) {
+    auto draft =
+        newTransaction(product, request, "PURCHASE", now(), std::nullopt, nullptr, std::nullopt);
+    draft.payload["inAppOwnershipType"] = "FAMILY_SHARED";
+    putCounters(write);
+    auto shared = sign(write, draft);
     notify(write, "ONE_TIME_CHARGE", "", draft.row.id);
+    return shared;
   }
+  // A shared subscription is held as the group's subscription, renewing with the organizer's.
+  // The group keeps one subscription: while the account holds one there (its own or the
+  // family's), the share is refused. After one has ended, a family share regains access on
+  // the family's chain; the account's own chain, ended, gives way to a new one.
+  const auto found = groups.find(product.subscriptionGroupID);
+  std::optional<LedgerGroup> group;
+  if (found != groups.end()) {
+    group = found->second;
+    if (isActive(*group) || group->status == RenewalStatus::billingRetry) {
+      throw std::invalid_argument("the account already holds a subscription of group " +
+                                  product.subscriptionGroupID +
+                                  "; it cannot also be shared by the family");
+    }
+    const auto previous = ledger->transaction(group->latestID);
+    if (!previous || !previous->familyShared) group.reset();
+  }
+  const auto purchaseDate = now();
+  auto draft = newTransaction(product, request, "PURCHASE", purchaseDate, std::nullopt,
+                              group ? &*group : nullptr, std::nullopt);
+  draft.payload["inAppOwnershipType"] = "FAMILY_SHARED";
+  auto shared = sign(write, draft);
+  const char* subscribed = group ? "RESUBSCRIBE" : "INITIAL_BUY";
+  if (!group) {
+    group = LedgerGroup{};
+    group->groupID = product.subscriptionGroupID;
+    group->originalID = draft.row.id;
+    group->originalPurchaseDate = purchaseDate;
+    group->recentStart = purchaseDate;
+  } else if (const auto previous = ledger->transaction(group->latestID);
+             !previous || !previous->expiresDate ||
+             purchaseDate - *previous->expiresDate >= std::chrono::days(60)) {
+    group->recentStart = purchaseDate;
+  }
+  group->latestID = draft.row.id;
+  group->autoRenew = true;
+  group->pendingProductID.reset();
+  group->offerPeriodsLeft = 0;
+  group->continuingOffer.clear();
+  clearRenewalIssues(*group);
+  group->priceIncreaseStatus.reset();
+  group->renewalPrice.clear();
+  putGroup(write, *group);
+  putCounters(write);
+  notify(write, "SUBSCRIBED", subscribed, draft.row.id);
+  wake = true;
   return shared;
+}
+
+bool LocalStore::State::isFamilyShare(const LedgerGroup& group) {
+  const auto latest = ledger->transaction(group.latestID);
+  return latest && latest->familyShared;
 }
 
 SignedTransaction LocalStore::State::sign(LedgerWrite& write, Draft& draft) {
@@ -394,7 +444,9 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
 
   const auto found = groups.find(product.subscriptionGroupID);
   std::optional<LedgerGroup> group;
-  if (found != groups.end()) group = found->second;
+  // The account's own purchase never continues the family's chain: it starts its own, which
+  // the group follows from then on.
+  if (found != groups.end() && !isFamilyShare(found->second)) group = found->second;
   if (group && isActive(*group)) {
     auto latest = draftOf(group->latestID);
     if (!latest) return existing(group->latestID);

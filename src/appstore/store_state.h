@@ -102,10 +102,15 @@ class LocalStore::State {
   std::optional<platform::Date> nextRenewal();
   // Subscribed or in the grace period, and not past its end.
   bool isActive(const LedgerGroup& group);
+  // The group's subscription is the family's (shared by the organizer), not the account's own.
+  bool isFamilyShare(const LedgerGroup& group);
   // The billing issue of the subscription whose latest transaction is `latestID` resolved: the
   // renewal that failed happens now. Nothing when there is no such issue.
   std::optional<SignedTransaction> recoverBillingIssue(LedgerWrite& write, std::uint64_t latestID);
-  RenewalExtensionResult extendRenewalDate(LedgerWrite& write, const RenewalExtensionRequest& request);
+  // A family share is refused (a member's access is not extended directly) unless
+  // `withOrganizer`: a mass extension reaches the organizer, and the member's access with it.
+  RenewalExtensionResult extendRenewalDate(LedgerWrite& write, const RenewalExtensionRequest& request,
+                                           bool withOrganizer = false);
   // Throws RenewalExtensionRefused for days, a reason or a request identifier out of range.
   static void checkExtensionTerms(std::int64_t extendByDays, std::int64_t extendReasonCode,
                                   const std::string& requestIdentifier);

@@ -183,6 +183,23 @@ TEST_F(ApiRequestsTest, MassExtensionReachesActiveSubscribersOfTheProductInTheSt
   EXPECT_EQ(lastSummary, json::parse(R"({"environment":"Xcode","bundleId":"com.vorntesk.example",)"
                                      R"("productId":"com.vorntesk.sample.pro.monthly",)"
                                      R"("requestIdentifier":"trial","succeededCount":0,"failedCount":1})"));
+
+  // A family member's shared subscription is extended with the organizer's, though a request
+  // for the member's alone is refused.
+  const auto plans = LocalStore::createFromFile(VORNTESK_SOURCE_DIR "/tests/tools/data/plans.storekit");
+  const auto shared = plans->shareWithFamily("premium.monthly").id;
+  const auto expiry = [&] { return payloadOf(*plans->signedForm(shared)).at("expiresDate").as_int64(); };
+  const auto sharedUntil = expiry();
+  try {
+    plans->extendRenewalDate({shared, 10, 0, "member"});
+    ADD_FAILURE() << "a family member's access was extended directly";
+  } catch (const RenewalExtensionRefused& refused) {
+    EXPECT_EQ(refused.reason(), RenewalExtensionRefused::Reason::familyShared);
+  }
+  const auto family = plans->extendRenewalDatesForAllSubscribers({"premium.monthly", 10, 0, "family"});
+  EXPECT_EQ(family.succeededCount, 1);
+  EXPECT_EQ(family.failedCount, 0);
+  EXPECT_EQ(expiry() - sharedUntil, 10 * 86'400'000);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Moving between the subscriptions of a group as the app sees it through the driver: up at
 // once, down or across to another duration at the next renewal, taken back by buying the
-// current one again; family members given access and losing it; refunds.
+// current one again; family members given access, renewing with the organizer, and losing it;
+// refunds.
 #include <gtest/gtest.h>
 
 #include <boost/json/serialize.hpp>
@@ -143,8 +144,12 @@ TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) 
     EXPECT_EQ(t.at("ownershipType"), 2);
   }
 
-  // The account's own subscription in the same group stays beside the family member's.
+  // The account's own subscription in the same group starts a chain of its own, which the
+  // group follows from then on.
   const auto own = purchase(session, "standard.monthly");
+  EXPECT_NE(own, shared[1]);
+  EXPECT_EQ(session.status("G1").at("renewalInfo").at("originalTransactionId").as_string(),
+            std::to_string(own));
   session.control("revokeFamilySharing", shared[0]);
   session.call("GetStorefront");
   events = session.newEvents();
@@ -159,6 +164,91 @@ TEST(FamilySharing, SharedProductsArriveOwnedAsFamilySharedAndLeaveWhenRevoked) 
                                            {"SUBSCRIBED", "INITIAL_BUY", 1},
                                            {"SUBSCRIBED", "INITIAL_BUY", 1},
                                            {"REVOKE", "", 0}}));
+}
+
+// A shared subscription renews with the organizer's, whatever this account's billing, until
+// the sharing is revoked; the member cannot manage it, and the group holds one subscription.
+TEST(FamilySharing, ASharedSubscriptionRenewsWithTheOrganizersUntilRevoked) {
+  // A monthly period every 5 minutes, and this account's renewals failing into billing retry.
+  Session session({R"("store":"timeRate","value":13)",
+                   R"("store":"shouldEnterBillingRetryOnRenewal","value":true)",
+                   R"("store":"billingGracePeriodIsEnabled","value":true)"},
+                  kPlans);
+  const auto share = [&](const std::string& product) {
+    return R"("store":"shareWithFamily","productID":")" + product + "\"";
+  };
+  const auto shared = session.control(share("premium.monthly")).at("transactionId").as_int64();
+  const auto on = [&](const char* name) {
+    return R"("store":")" + std::string(name) + R"(","identifier":)" + std::to_string(shared);
+  };
+  const struct {
+    std::string line, error;
+  } refused[] = {
+      {on("disableAutoRenewForTransaction"), "only the family organizer can manage"},
+      {on("requestPriceIncreaseConsentForTransaction") + R"(,"price":"9.99")",
+       "only the family organizer can manage"},
+      {on("declinePriceIncrease"), "only the family organizer can manage"},
+      {R"("store":"extendRenewalDate","originalTransactionId":)" + std::to_string(shared) +
+           R"(,"extendByDays":7,"requestIdentifier":"r")",
+       "familyShared"},
+      {share("premium.yearly"), "already holds a subscription of group G1"},
+  };
+  for (const auto& line : refused) {
+    EXPECT_NE(session.refusal(line.line).find(line.error), std::string::npos) << line.line;
+  }
+  auto status = session.status("G1");
+  EXPECT_EQ(status.at("status"), 1);
+  EXPECT_EQ(info(status, "autoRenewStatus"), 1);
+  EXPECT_EQ(status.at("renewalInfo").at("originalTransactionId").as_string(),
+            std::to_string(shared));
+
+  // Two renewals, each a family-shared transaction of the same chain; none failed.
+  session.advance(minutes(10) + seconds(30));
+  session.call("GetStorefront");  // the events of the lines before come before its answer
+  auto events = session.newEvents();
+  ASSERT_EQ(events.size(), 3u);
+  Ids renewals;
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    EXPECT_EQ(events[i].at("ownershipType"), 2) << json::serialize(events[i]);
+    EXPECT_EQ(events[i].at("originalId"), shared);
+    EXPECT_EQ(events[i].at("transactionReason"), i == 0 ? 1 : 2);
+    if (i > 0) renewals.push_back(events[i].at("id").as_int64());
+  }
+  status = session.status("G1");
+  EXPECT_EQ(status.at("status"), 1);
+  EXPECT_FALSE(inBillingRetry(status));
+  EXPECT_EQ(status.at("transactionId"), renewals.back());
+  EXPECT_EQ(info(status, "autoRenewStatus"), 1);
+  EXPECT_EQ(session.entitlements(), Ids{renewals.back()});
+  EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "INITIAL_BUY", 1},
+                                           {"DID_RENEW", "", 1},
+                                           {"DID_RENEW", "", 1}}));
+  const auto made = session.control(R"("store":"notifications")").at("notifications").as_array();
+  EXPECT_TRUE(made.back().at("payload").at("data").as_object().contains("signedRenewalInfo"));
+
+  // Revoked: the subscription ends at once and renews no more.
+  session.control("revokeFamilySharing", renewals.back());
+  session.advance(minutes(11));
+  status = session.status("G1");
+  EXPECT_EQ(status.at("status"), 5);
+  EXPECT_EQ(info(status, "autoRenewStatus"), 0);
+  EXPECT_TRUE(session.entitlements().empty());
+  EXPECT_EQ(session.newNotices(), (Notices{{"REVOKE", "", 5}}));
+  session.call("GetStorefront");
+  EXPECT_EQ(session.newEvents().size(), 1u);  // the revoked transaction only
+
+  // Shared again: access regained on the same chain; the organizer's cancellation ends it.
+  const auto again = session.control(share("premium.monthly")).at("transactionId").as_int64();
+  EXPECT_EQ(session.status("G1").at("renewalInfo").at("originalTransactionId"),
+            std::to_string(shared).c_str());
+  session.control(R"("store":"expireSubscription","productID":"premium.monthly")");
+  session.advance(seconds(1));
+  status = session.status("G1");
+  EXPECT_EQ(status.at("status"), 2);
+  EXPECT_EQ(info(status, "expirationIntent"), 1);
+  EXPECT_EQ(status.at("transactionId"), again);
+  EXPECT_EQ(session.newNotices(), (Notices{{"SUBSCRIBED", "RESUBSCRIBE", 1},
+                                           {"EXPIRED", "VOLUNTARY", 2}}));
 }
 
 // A refund the customer asks for in the app: the developer's server is asked for consumption

@@ -64,6 +64,13 @@ class Session {
   json::value control(const std::string& membersAfterId) {
     return ask(R"({"id":")" + std::to_string(++lastID_) + R"(",)" + membersAfterId + "}");
   }
+  // The error a control line is refused with ("" when it is not refused).
+  std::string refusal(const std::string& membersAfterId) {
+    const auto answer =
+        ask(R"({"id":")" + std::to_string(++lastID_) + R"(",)" + membersAfterId + "}", true);
+    const auto* error = answer.is_object() ? answer.as_object().if_contains("error") : nullptr;
+    return error && error->is_string() ? std::string(error->get_string()) : std::string();
+  }
   // The control `name` on transaction `identifier`.
   json::value control(const std::string& name, std::int64_t identifier) {
     return control(R"("store":")" + name + R"(","identifier":)" + std::to_string(identifier));
@@ -123,13 +130,15 @@ class Session {
   }
 
  private:
-  json::value ask(const std::string& line) {
+  json::value ask(const std::string& line, bool mayBeRefused = false) {
     driver_.send(line);
     const auto answer = driver_.waitForAnswer(std::to_string(lastID_));
     EXPECT_TRUE(answer) << "no answer to " << line;
     if (!answer) return json::object{};
     auto parsed = json::parse(*answer);
-    EXPECT_EQ(parsed.as_object().if_contains("error"), nullptr) << line << "\n  " << *answer;
+    if (!mayBeRefused) {
+      EXPECT_EQ(parsed.as_object().if_contains("error"), nullptr) << line << "\n  " << *answer;
+    }
     return parsed;
   }
 
