@@ -283,7 +283,8 @@ class LocalStore : public std::enable_shared_from_this<LocalStore> {
   std::optional<std::string> consumptionInformation(std::uint64_t transactionID);
   // Extends every active subscription whose current product is request.productID (of the
   // storefronts asked for), each as extendRenewalDate does; one that is not eligible counts as
-  // failed. A family member's shared subscription is extended with the organizer's. Throws RenewalExtensionRefused for terms it cannot carry out.
+  // failed. A family member's shared subscription is extended with the organizer's. Throws
+  // RenewalExtensionRefused for terms it cannot carry out.
   MassRenewalExtensionStatus extendRenewalDatesForAllSubscribers(
       const MassRenewalExtensionRequest& request);
   std::optional<MassRenewalExtensionStatus> massRenewalExtension(
