@@ -34,7 +34,9 @@ Headers::Headers(SQLite::Database& database)
 
 Stored Headers::store(std::string_view payload, const std::string& signedForm) {
   const auto first = signedForm.find('.');
-  if (payload.empty() || first == 0 || first == std::string::npos) return {std::nullopt, signedForm};
+  if (payload.empty() || first == 0 || first == std::string::npos) {
+    return {std::nullopt, signedForm};
+  }
   const auto second = signedForm.find('.', first + 1);
   if (second == std::string::npos) return {std::nullopt, signedForm};
   const std::string_view middle(signedForm.data() + first + 1, second - first - 1);

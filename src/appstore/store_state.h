@@ -109,7 +109,8 @@ class LocalStore::State {
   std::optional<SignedTransaction> recoverBillingIssue(LedgerWrite& write, std::uint64_t latestID);
   // A family share is refused (a member's access is not extended directly) unless
   // `withOrganizer`: a mass extension reaches the organizer, and the member's access with it.
-  RenewalExtensionResult extendRenewalDate(LedgerWrite& write, const RenewalExtensionRequest& request,
+  RenewalExtensionResult extendRenewalDate(LedgerWrite& write,
+                                           const RenewalExtensionRequest& request,
                                            bool withOrganizer = false);
   // Throws RenewalExtensionRefused for days, a reason or a request identifier out of range.
   static void checkExtensionTerms(std::int64_t extendByDays, std::int64_t extendReasonCode,
