@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "appstore/local_store.h"
+#include "appstore/order_ids.h"
 #include "appstore/server/api_routes.h"
 #include "appstore/server/bearer_token.h"
 #include "appstore/store_configuration.h"
@@ -45,7 +46,7 @@ struct Pattern {
   const char* path;  // each "*" takes the next id
 };
 
-constexpr std::array<Pattern, 16> kPatterns{{
+constexpr std::array<Pattern, 17> kPatterns{{
     {"GET", "/inApps/v1/transactions/*"},
     {"GET", "/inApps/v1/subscriptions/*"},
     {"POST", "/inApps/v1/notifications/test"},
@@ -62,6 +63,7 @@ constexpr std::array<Pattern, 16> kPatterns{{
     {"POST", "/inApps/v1/subscriptions/extend/mass"},
     {"GET", "/inApps/v1/subscriptions/extend/mass/*/*"},
     {"GET", "/inApps/v2/refund/lookup/*"},
+    {"GET", "/inApps/v1/lookup/*"},
 }};
 
 // What the store is built from, once: the catalogue and the key the bearer tokens are
@@ -98,7 +100,8 @@ struct World {
     store->extendRenewalDatesForAllSubscribers({kBasic, 3, 1, "m1", std::nullopt});
     for (const auto id : {coins, removeAds, basic, renewal, pass, shared})
       known.push_back(std::to_string(id));
-    known.insert(known.end(), {store->appTransactionID(), test, "m1", kBasic});
+    known.insert(known.end(), {store->appTransactionID(), test, "m1", kBasic,
+                               orderIDForTransaction(coins), orderIDForTransaction(shared)});
   }
 };
 
