@@ -188,24 +188,30 @@ function renderCatalogue(products) {
   }
 }
 
-function renderSubscriptions(subscriptions) {
+function renderSubscriptions(subscriptions, transactions) {
   const table = document.getElementById('subscriptions');
   table.replaceChildren(el('tr', {}, ['Group', 'State', 'Renewal', 'Auto-renew', 'Price increase', ''].map((h) => el('th', {scope: 'col'}, h))));
   for (const s of subscriptions) {
     const info = payloadOf(s.renewalInfo);
     const id = s.transactionId;
+    // The family organizer manages a shared subscription: its renewal and price are not this account's.
+    const family = transactions.some((t) => t.id === id && t.ownership === 'FAMILY_SHARED');
     const actions = el('td', {});
-    actions.append(button(info.autoRenewStatus ? 'Turn auto-renew off' : 'Turn auto-renew on',
-      info.autoRenewStatus ? 'disableAutoRenewForTransaction' : 'enableAutoRenewForTransaction', {identifier: id}));
+    if (family) {
+      actions.append('shared by the family organizer');
+    } else {
+      actions.append(button(info.autoRenewStatus ? 'Turn auto-renew off' : 'Turn auto-renew on',
+        info.autoRenewStatus ? 'disableAutoRenewForTransaction' : 'enableAutoRenewForTransaction', {identifier: id}));
+    }
     if (s.status === 1 || s.status === 4) {
       actions.append(' ', button('Expire', 'expireSubscription', {productID: info.productId}));
     }
     actions.append(' ', button('Renew now', 'forceRenewalOfSubscription', {productID: info.productId}));
     if (s.status === 3 || s.status === 4) actions.append(' ', button('Resolve billing issue', 'resolveIssueForTransaction', {identifier: id}));
-    if (info.priceIncreaseStatus === 0) {
+    if (!family && info.priceIncreaseStatus === 0) {
       actions.append(' ', button('Consent', 'consentToPriceIncrease', {identifier: id}),
         ' ', button('Decline', 'declinePriceIncrease', {identifier: id}));
-    } else {
+    } else if (!family) {
       const form = el('form', {onsubmit: (event) => { event.preventDefault();
         run('requestPriceIncreaseConsentForTransaction', {identifier: id, price: form.querySelector('input').value,
           consentRequired: form.querySelector('[type=checkbox]').checked}, form); }});
@@ -286,7 +292,7 @@ async function refresh() {
   tick();
   renderSettings(state.store);
   renderCatalogue(state.products);
-  renderSubscriptions(state.subscriptions);
+  renderSubscriptions(state.subscriptions, state.transactions);
   renderTransactions(state.transactions, state.subscriptions);
   renderNotifications(state.notifications, state.store.notificationsURL);
 }
