@@ -369,30 +369,41 @@ SignedTransaction LocalStore::State::shareWithFamily(LedgerWrite& write, const C
   draft.payload["inAppOwnershipType"] = "FAMILY_SHARED";
   auto shared = sign(write, draft);
   const char* subscribed = group ? "RESUBSCRIBE" : "INITIAL_BUY";
-  if (!group) {
-    group = LedgerGroup{};
-    group->groupID = product.subscriptionGroupID;
-    group->originalID = draft.row.id;
-    group->originalPurchaseDate = purchaseDate;
-    group->recentStart = purchaseDate;
-  } else if (const auto previous = ledger->transaction(group->latestID);
-             !previous || !previous->expiresDate ||
-             purchaseDate - *previous->expiresDate >= std::chrono::days(60)) {
-    group->recentStart = purchaseDate;
-  }
-  group->latestID = draft.row.id;
-  group->autoRenew = true;
-  group->pendingProductID.reset();
-  group->offerPeriodsLeft = 0;
-  group->continuingOffer.clear();
-  clearRenewalIssues(*group);
-  group->priceIncreaseStatus.reset();
-  group->renewalPrice.clear();
-  putGroup(write, *group);
+  putGroup(write, subscribedBy(group, product, draft.row.id, purchaseDate));
   putCounters(write);
   notify(write, "SUBSCRIBED", subscribed, draft.row.id);
   wake = true;
   return shared;
+}
+
+LedgerGroup LocalStore::State::subscribedBy(std::optional<LedgerGroup> held,
+                                            const ConfiguredProduct& product,
+                                            std::uint64_t transactionID,
+                                            platform::Date purchaseDate) {
+  LedgerGroup group;
+  if (!held) {
+    group.groupID = product.subscriptionGroupID;
+    group.originalID = transactionID;
+    group.originalPurchaseDate = purchaseDate;
+    group.recentStart = purchaseDate;
+  } else {
+    group = std::move(*held);
+    const auto previous = ledger->transaction(group.latestID);
+    if (!previous || !previous->expiresDate ||
+        purchaseDate - *previous->expiresDate >= std::chrono::days(60)) {
+      // Back after a lapse of 60 days or more: a new run of the subscription begins.
+      group.recentStart = purchaseDate;
+    }
+  }
+  group.latestID = transactionID;
+  group.autoRenew = true;
+  group.pendingProductID.reset();
+  group.offerPeriodsLeft = 0;
+  group.continuingOffer.clear();
+  clearRenewalIssues(group);
+  group.priceIncreaseStatus.reset();
+  group.renewalPrice.clear();
+  return group;
 }
 
 bool LocalStore::State::isFamilyShare(const LedgerGroup& group) {
@@ -510,29 +521,14 @@ SignedTransaction LocalStore::State::completePurchase(LedgerWrite& write, const 
                               group ? &*group : nullptr, presetID);
   const auto signedTransaction = sign(write, draft);
   const char* subscribed = group ? "RESUBSCRIBE" : "INITIAL_BUY";
-  if (!group) {
-    group = LedgerGroup{};
-    group->groupID = product.subscriptionGroupID;
-    group->originalID = draft.row.id;
-    group->originalPurchaseDate = purchaseDate;
-    group->recentStart = purchaseDate;
-  } else if (const auto previous = ledger->transaction(group->latestID);
-             !previous || !previous->expiresDate ||
-             purchaseDate - *previous->expiresDate >= std::chrono::days(60)) {
-    // Back after a lapse of 60 days or more: a new run of the subscription begins.
-    group->recentStart = purchaseDate;
-  }
-  group->latestID = draft.row.id;
-  group->autoRenew = true;
-  group->pendingProductID.reset();
-  clearRenewalIssues(*group);
-  group->priceIncreaseStatus.reset();
-  group->renewalPrice.clear();
-  group->offerPeriodsLeft = offer && offer->terms.paymentMode == ConfiguredOffer::Mode::payAsYouGo
-                                ? offer->terms.numberOfPeriods - 1
-                                : 0;
-  group->continuingOffer = group->offerPeriodsLeft > 0 ? serialized(offer) : std::string();
-  putGroup(write, *group);
+  auto subscription = subscribedBy(std::move(group), product, draft.row.id, purchaseDate);
+  subscription.offerPeriodsLeft =
+      offer && offer->terms.paymentMode == ConfiguredOffer::Mode::payAsYouGo
+          ? offer->terms.numberOfPeriods - 1
+          : 0;
+  subscription.continuingOffer =
+      subscription.offerPeriodsLeft > 0 ? serialized(offer) : std::string();
+  putGroup(write, subscription);
   putCounters(write);
   notify(write, "SUBSCRIBED", subscribed, draft.row.id);
   created = true;

@@ -102,6 +102,11 @@ class LocalStore::State {
   std::optional<platform::Date> nextRenewal();
   // Subscribed or in the grace period, and not past its end.
   bool isActive(const LedgerGroup& group);
+  // The group's subscription after a purchase (or a family share) of `product` made it
+  // `transactionID`: `held` carried on, or a new chain when there is none; renewing, with no
+  // pending change, billing issue, price increase or offer periods left.
+  LedgerGroup subscribedBy(std::optional<LedgerGroup> held, const ConfiguredProduct& product,
+                           std::uint64_t transactionID, platform::Date purchaseDate);
   // The group's subscription is the family's (shared by the organizer), not the account's own.
   bool isFamilyShare(const LedgerGroup& group);
   // The billing issue of the subscription whose latest transaction is `latestID` resolved: the
